@@ -1,0 +1,1 @@
+#include "tolvanger/appcore/app_core.h"

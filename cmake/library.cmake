@@ -1,0 +1,26 @@
+# tolvanger_library(name DIR dir LIBS ... TEST_LIBS ...): a library made of
+# dir/src/**.cc with public headers in dir/include. Files ending in _test.cc
+# beside the sources form one GoogleTest binary, <name>_tests.
+function(tolvanger_library name)
+  cmake_parse_arguments(L "" "" "LIBS;TEST_LIBS" ${ARGN})
+  file(GLOB_RECURSE all_sources CONFIGURE_DEPENDS "${CMAKE_CURRENT_SOURCE_DIR}/src/*.cc")
+  set(sources "")
+  set(tests "")
+  foreach(f IN LISTS all_sources)
+    if(f MATCHES "_test\\.cc$")
+      list(APPEND tests "${f}")
+    elseif(f MATCHES "/testing/")
+      list(APPEND tests "${f}")
+    else()
+      list(APPEND sources "${f}")
+    endif()
+  endforeach()
+  add_library(${name} STATIC ${sources})
+  target_include_directories(${name} PUBLIC "${CMAKE_CURRENT_SOURCE_DIR}/include"
+                                     PRIVATE "${CMAKE_CURRENT_SOURCE_DIR}/src")
+  target_link_libraries(${name} PUBLIC ${L_LIBS})
+  if(TOLVANGER_TESTS AND tests)
+    tolvanger_test(${name}_tests SOURCES ${tests} LIBS ${name} ${L_TEST_LIBS})
+    target_include_directories(${name}_tests PRIVATE "${CMAKE_CURRENT_SOURCE_DIR}/src")
+  endif()
+endfunction()

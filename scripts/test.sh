@@ -1,0 +1,42 @@
+#!/usr/bin/env bash
+# Sets the machine up, builds everything and runs every test: the formatting
+# check, the suite in an optimised build, a check that each executable carries
+# exactly one OpenSSL, and the suite again under AddressSanitizer and
+# UndefinedBehaviorSanitizer.
+source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
+bootstrap
+
+step() { printf '\n== %s\n' "$*"; }
+
+step "formatting"
+cd "$ROOT"
+if git rev-parse --is-inside-work-tree >/dev/null 2>&1; then
+  mapfile -t sources < <(git ls-files -co --exclude-standard -- '*.cc' '*.h')
+else
+  mapfile -t sources < <(find . -path ./build\* -prune -o \( -name '*.cc' -o -name '*.h' \) -print)
+fi
+clang-format --dry-run --Werror "${sources[@]}"
+echo "${#sources[@]} files formatted"
+
+step "build and test"
+configure "$ROOT/build" -DCMAKE_BUILD_TYPE=RelWithDebInfo
+cmake --build "$ROOT/build" -j "$JOBS"
+(cd "$ROOT/build" && ctest --output-on-failure -j "$JOBS")
+
+step "one OpenSSL in each executable"
+for exe in "$ROOT"/build/apps/tolvanger-*; do
+  [ -x "$exe" ] || continue
+  if ldd "$exe" | grep -E 'lib(ssl|crypto|curl)\.so'; then
+    echo "$exe links a shared OpenSSL or curl" >&2
+    exit 1
+  fi
+  echo "$(basename "$exe"): $(ldd "$exe" | wc -l) shared libraries, none of them OpenSSL"
+done
+
+step "build and test under AddressSanitizer and UndefinedBehaviorSanitizer"
+configure "$ROOT/build-asan" -DCMAKE_BUILD_TYPE=Debug -DTOLVANGER_SANITIZE=address,undefined \
+  -DTOLVANGER_BENCH=OFF
+cmake --build "$ROOT/build-asan" -j "$JOBS"
+(cd "$ROOT/build-asan" &&
+  ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
+    ctest --output-on-failure -j "$JOBS")
