@@ -1,0 +1,36 @@
+// Counting and cutting text the way a person (and the phone) counts it: in
+// user-perceived characters, that is extended grapheme clusters. Also the
+// checks for well-formed UTF-8.
+//
+// Thread safety: pure functions; safe from any thread.
+#ifndef TOLVANGER_KIT_TEXT_H_
+#define TOLVANGER_KIT_TEXT_H_
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace tolvanger::Text {
+
+// True when the bytes are well-formed UTF-8 (no overlongs, no surrogates,
+// nothing above U+10FFFF).
+bool isValidUTF8(std::string_view bytes);
+
+// The number of user-perceived characters. Text that is not valid UTF-8
+// counts each bad byte as one character.
+size_t characterCount(std::string_view utf8);
+
+// The first `n` user-perceived characters (the whole text if it has fewer).
+std::string prefix(std::string_view utf8, size_t n);
+
+// True when the text has more than `n` user-perceived characters; stops
+// counting early, so it is cheap on long texts.
+bool longerThan(std::string_view utf8, size_t n);
+
+// The text's Unicode scalars. Invalid sequences give U+FFFD.
+std::vector<char32_t> scalars(std::string_view utf8);
+
+}  // namespace tolvanger::Text
+
+#endif  // TOLVANGER_KIT_TEXT_H_
