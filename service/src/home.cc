@@ -1,0 +1,183 @@
+#include "tolvanger/service/home.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <system_error>
+
+#include "tolvanger/kit/service_error.h"
+#include "tolvanger/port/system.h"
+
+namespace tolvanger::service {
+
+namespace {
+
+constexpr mode_t kDirectoryMode = 0700;
+constexpr mode_t kFileMode = 0600;
+
+[[noreturn]] void throwErrno(int error, const std::string& what) {
+  throw std::system_error(error, std::generic_category(), what);
+}
+
+std::string joinPath(const std::string& dir, std::string_view name) {
+  if (dir.empty()) return std::string(name);
+  std::string out = dir;
+  if (out.back() != '/') out += '/';
+  out += name;
+  return out;
+}
+
+// Makes one directory level; an existing directory is fine.
+void makeDirectory(const std::string& path) {
+  if (mkdir(path.c_str(), kDirectoryMode) == 0) return;
+  int error = errno;
+  struct stat st;
+  if (error == EEXIST && stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
+    return;
+  }
+  throwErrno(error == EEXIST ? ENOTDIR : error,
+             "could not make the directory " + path);
+}
+
+// Writes all of `size` bytes, riding out short writes and interruptions.
+bool writeAll(int fd, const uint8_t* data, size_t size) {
+  while (size > 0) {
+    ssize_t n = ::write(fd, data, size);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return false;
+    }
+    data += n;
+    size -= static_cast<size_t>(n);
+  }
+  return true;
+}
+
+}  // namespace
+
+Home::Home(std::string path) : path_(std::move(path)) {}
+
+Home Home::standard() {
+  if (const char* given = std::getenv(std::string(environmentKey).c_str());
+      given != nullptr && *given != '\0') {
+    return Home(given);
+  }
+  std::optional<std::string> base = port::applicationDataDirectory();
+  if (!base) base = port::userHomeDirectory();
+  if (!base) {
+    throw ServiceError::internalFailure(
+        "there is no home directory to keep the service's files in; set " +
+        std::string(environmentKey));
+  }
+  return Home(joinPath(*base, "Tolvanger"));
+}
+
+Home Home::ensure() const {
+  const std::string where = "could not make the home " + path_;
+  if (path_.empty()) throwErrno(ENOENT, where);
+  struct stat st;
+  if (stat(path_.c_str(), &st) == 0) {
+    if (!S_ISDIR(st.st_mode)) throwErrno(ENOTDIR, where);
+  } else if (errno != ENOENT) {
+    throwErrno(errno, where);
+  } else {
+    // Each missing level is made in turn, parents first.
+    for (size_t slash = path_.find('/', 1); slash != std::string::npos;
+         slash = path_.find('/', slash + 1)) {
+      if (path_[slash - 1] == '/') continue;
+      makeDirectory(path_.substr(0, slash));
+    }
+    makeDirectory(path_);
+  }
+  // mkdir's mode passes through the umask; the home's mode must not.
+  if (chmod(path_.c_str(), kDirectoryMode) != 0) throwErrno(errno, where);
+  return *this;
+}
+
+std::string Home::file(std::string_view name) const {
+  return joinPath(path_, name);
+}
+
+std::optional<std::string> Home::read(std::string_view name) const {
+  int fd = open(file(name).c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return std::nullopt;
+  std::string out;
+  char buf[16384];
+  for (;;) {
+    ssize_t n = ::read(fd, buf, sizeof(buf));
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      close(fd);
+      return std::nullopt;
+    }
+    if (n == 0) break;
+    out.append(buf, static_cast<size_t>(n));
+  }
+  close(fd);
+  return out;
+}
+
+void Home::writeAtomically(std::string_view data, std::string_view name) const {
+  writeAtomically(asBytes(data), name);
+}
+
+void Home::writeAtomically(ByteView data, std::string_view name) const {
+  const std::string target = file(name);
+  const std::string scratch = target + ".tmp";
+  const std::string where = "could not write " + target;
+
+  int fd = open(scratch.c_str(), O_CREAT | O_TRUNC | O_WRONLY | O_CLOEXEC,
+                kFileMode);
+  if (fd < 0) throwErrno(errno, where);
+  bool ok = writeAll(fd, data.data(), data.size()) && fsync(fd) == 0;
+  int error = errno;
+  if (close(fd) != 0 && ok) {
+    ok = false;
+    error = errno;
+  }
+  // A scratch file that existed before keeps its old mode through O_CREAT,
+  // so the mode is set explicitly before the file takes the target's place.
+  if (ok && chmod(scratch.c_str(), kFileMode) != 0) {
+    ok = false;
+    error = errno;
+  }
+  if (ok && rename(scratch.c_str(), target.c_str()) != 0) {
+    ok = false;
+    error = errno;
+  }
+  if (!ok) {
+    unlink(scratch.c_str());
+    throwErrno(error, where);
+  }
+  // The write is done; a failure to set the mode again changes nothing.
+  (void)chmod(target.c_str(), kFileMode);
+}
+
+bool Home::appendLine(std::string_view name, std::string_view line) const {
+  std::string bytes;
+  bytes.reserve(line.size() + 1);
+  bytes.append(line);
+  bytes.push_back('\n');
+
+  // O_APPEND puts every write at the end in one step, so lines of several
+  // writers never interleave.
+  int fd = open(file(name).c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
+  if (fd < 0) {
+    if (errno != ENOENT) return false;
+    try {
+      writeAtomically(bytes, name);
+      return true;
+    } catch (const std::exception&) {
+      return false;
+    }
+  }
+  bool ok = writeAll(fd, reinterpret_cast<const uint8_t*>(bytes.data()),
+                     bytes.size());
+  if (close(fd) != 0) ok = false;
+  return ok;
+}
+
+}  // namespace tolvanger::service

@@ -1,0 +1,120 @@
+#include "tolvanger/service/home.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <string>
+#include <system_error>
+
+namespace tolvanger::service {
+namespace {
+
+namespace fs = std::filesystem;
+
+class TempDir {
+ public:
+  TempDir() {
+    std::string pattern = (fs::temp_directory_path() / "home-test-XXXXXX");
+    path_ = mkdtemp(pattern.data());
+  }
+  ~TempDir() { fs::remove_all(path_); }
+  const std::string& path() const { return path_; }
+
+ private:
+  std::string path_;
+};
+
+mode_t modeOf(const std::string& path) {
+  struct stat st;
+  if (stat(path.c_str(), &st) != 0) return 0;
+  return st.st_mode & 07777;
+}
+
+// Sets an environment variable for one scope and puts the old value back.
+class ScopedEnv {
+ public:
+  ScopedEnv(const char* key, const char* value) : key_(key) {
+    if (const char* old = getenv(key)) old_ = old;
+    value ? setenv(key, value, 1) : unsetenv(key);
+  }
+  ~ScopedEnv() { old_ ? setenv(key_, old_->c_str(), 1) : unsetenv(key_); }
+
+ private:
+  const char* key_;
+  std::optional<std::string> old_;
+};
+
+TEST(HomeTest, StandardHonoursTheEnvironmentUnlessEmpty) {
+  ScopedEnv data("XDG_DATA_HOME", "/data/share");
+  {
+    ScopedEnv home("TOLVANGER_HOME", "relative/place");
+    EXPECT_EQ(Home::standard().path(), "relative/place");
+  }
+  ScopedEnv home("TOLVANGER_HOME", "");
+  EXPECT_EQ(Home::standard().path(), "/data/share/Tolvanger");
+}
+
+TEST(HomeTest, EnsureMakesParentsAndForcesMode0700) {
+  TempDir dir;
+  Home nested(dir.path() + "/a/b/home");
+  nested.ensure();
+  EXPECT_EQ(modeOf(nested.path()), 0700u);
+
+  Home existing(dir.path() + "/open");
+  ASSERT_EQ(mkdir(existing.path().c_str(), 0755), 0);
+  existing.ensure();
+  EXPECT_EQ(modeOf(existing.path()), 0700u);
+
+  Home notADirectory(nested.file("file"));
+  nested.writeAtomically("x", "file");
+  try {
+    notADirectory.ensure();
+    FAIL() << "ensure accepted a plain file";
+  } catch (const std::system_error& e) {
+    EXPECT_NE(std::string(e.what()).find(notADirectory.path()),
+              std::string::npos);
+  }
+}
+
+TEST(HomeTest, WriteAtomicallyReplacesWholeWithMode0600) {
+  TempDir dir;
+  Home home(dir.path());
+  // A leftover scratch file and an existing target, both too open.
+  ASSERT_TRUE(home.appendLine("devices.json.tmp", "stale stale stale"));
+  chmod(home.file("devices.json.tmp").c_str(), 0644);
+  ASSERT_TRUE(home.appendLine("devices.json", "old"));
+  chmod(home.file("devices.json").c_str(), 0644);
+
+  home.writeAtomically("new", "devices.json");
+  EXPECT_EQ(home.read("devices.json"), "new");
+  EXPECT_EQ(modeOf(home.file("devices.json")), 0600u);
+  EXPECT_FALSE(fs::exists(home.file("devices.json.tmp")));
+
+  // The logs append to what is there, and make a missing file 0600.
+  EXPECT_TRUE(home.appendLine("devices.json", "more"));
+  EXPECT_EQ(home.read("devices.json"), "newmore\n");
+  ASSERT_TRUE(home.appendLine("log", "first"));
+  EXPECT_EQ(modeOf(home.file("log")), 0600u);
+  EXPECT_EQ(home.read("log"), "first\n");
+}
+
+TEST(HomeTest, FailedWritesThrowAndLeaveNoScratch) {
+  TempDir dir;
+  Home home(dir.path());
+  // The rename cannot put a file over a non-empty directory.
+  fs::create_directories(home.file("target/inner"));
+  EXPECT_THROW(home.writeAtomically("x", "target"), std::system_error);
+  EXPECT_TRUE(fs::is_directory(home.file("target")));
+  EXPECT_FALSE(fs::exists(home.file("target.tmp")));
+
+  Home missing(dir.path() + "/absent");
+  EXPECT_THROW(missing.writeAtomically("x", "f"), std::system_error);
+  EXPECT_FALSE(missing.appendLine("f", "x"));
+  EXPECT_EQ(missing.read("f"), std::nullopt);
+  EXPECT_EQ(home.read("target"), std::nullopt);  // a directory reads as absent
+}
+
+}  // namespace
+}  // namespace tolvanger::service

@@ -1,0 +1,110 @@
+#include "tolvanger/service/identity.h"
+
+#include <cstring>
+#include <system_error>
+
+#include "tolvanger/kit/fingerprint.h"
+
+namespace tolvanger::service {
+
+namespace {
+
+// Reads a key file into wipeable memory; nothing if it is absent.
+std::optional<SecretBytes> readKeyFile(const Home& home, const char* name) {
+  auto text = home.read(name);
+  if (!text) return std::nullopt;
+  SecretBytes bytes(asBytes(*text));
+  wipe(*text);
+  return bytes;
+}
+
+// The system's own words for a failure, without the file name around them.
+std::string describe(const std::exception& e) {
+  if (const auto* sys = dynamic_cast<const std::system_error*>(&e)) {
+    return sys->code().message();
+  }
+  return e.what();
+}
+
+}  // namespace
+
+Identity::Identity(Home home)
+    : home_(std::move(home)), cloudKey_(crypto::XWingPrivateKey::generate()) {}
+
+crypto::P256PrivateKey Identity::ensure() {
+  std::lock_guard<std::mutex> lock(mu_);
+  if (signing_ && signingPQ_) return *signing_;
+
+  std::optional<crypto::P256PrivateKey> signing = signing_;
+  if (!signing) {
+    if (auto raw = readKeyFile(home_, kKeyFile)) {
+      signing = crypto::P256PrivateKey::fromRaw(raw->reveal());
+    }
+  }
+  if (!signing) {
+    auto drawn =
+        crypto::P256PrivateKey::generate(/*compactRepresentable=*/true);
+    try {
+      const SecretBytes raw = drawn.raw();
+      home_.writeAtomically(raw.reveal(), kKeyFile);
+    } catch (const std::exception& e) {
+      throw IdentityError::unreadable("could not be written (" + describe(e) +
+                                      ")");
+    }
+    signing = std::move(drawn);
+  }
+
+  std::optional<crypto::MLDSA65PrivateKey> signingPQ;
+  if (auto seed = readKeyFile(home_, kPQKeyFile)) {
+    signingPQ = crypto::MLDSA65PrivateKey::fromSeed(seed->reveal());
+  }
+  if (!signingPQ) {
+    try {
+      auto drawn = crypto::MLDSA65PrivateKey::generate();
+      const SecretBytes seed = drawn.seed();
+      home_.writeAtomically(seed.reveal(), kPQKeyFile);
+      signingPQ = std::move(drawn);
+    } catch (const std::exception& e) {
+      throw IdentityError::unreadable(
+          "the post-quantum key could not be made (" + describe(e) + ")");
+    }
+  }
+  signing_ = std::move(signing);
+  signingPQ_ = std::move(signingPQ);
+  return *signing_;
+}
+
+crypto::MLDSA65PrivateKey Identity::pqKey() {
+  ensure();
+  std::lock_guard<std::mutex> lock(mu_);
+  if (!signingPQ_) throw IdentityError::unreadable("no post-quantum key");
+  return *signingPQ_;
+}
+
+Bytes Identity::spki() {
+  try {
+    return ensure().publicKey().der();
+  } catch (const std::exception&) {
+    return {};
+  }
+}
+
+std::string Identity::spkiBase64() { return toBase64(spki()); }
+
+Bytes Identity::pqPublicKey() {
+  try {
+    return pqKey().publicKey().raw();
+  } catch (const std::exception&) {
+    return {};
+  }
+}
+
+std::string Identity::pqBase64() { return toBase64(pqPublicKey()); }
+
+std::string Identity::fingerprint() { return Fingerprint::of(spki()); }
+
+Bytes Identity::sign(ByteView data) { return ensure().sign(data); }
+
+Bytes Identity::signPQ(ByteView data) { return pqKey().sign(data); }
+
+}  // namespace tolvanger::service

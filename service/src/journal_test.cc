@@ -1,0 +1,139 @@
+#include "tolvanger/service/journal.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <time.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tolvanger/service/events.h"
+
+namespace tolvanger::service {
+namespace {
+
+namespace fs = std::filesystem;
+
+// 2026-08-29 10:44:52 UTC.
+constexpr int64_t kMoment = 1788000292;
+
+class JournalTest : public ::testing::Test {
+ protected:
+  JournalTest() {
+    std::string pattern = (fs::temp_directory_path() / "journal-test-XXXXXX");
+    home_ = Home(mkdtemp(pattern.data()));
+    if (const char* tz = getenv("TZ")) oldTZ_ = tz;
+    // Three hours east of UTC, in POSIX notation.
+    setenv("TZ", "XYZ-3", 1);
+  }
+  ~JournalTest() override {
+    oldTZ_ ? setenv("TZ", oldTZ_->c_str(), 1) : unsetenv("TZ");
+    tzset();
+    fs::remove_all(home_.path());
+  }
+
+  Home home_{""};
+  std::optional<std::string> oldTZ_;
+};
+
+TEST_F(JournalTest, LinesAreClockWordAndSortedItems) {
+  Journal j(home_, [] { return kMoment; });
+  j.write("stopped");
+  j.write("spent", {{"request", "r7f21"},
+                    {"credential", std::string("sheets")},
+                    {"client", "claude"}});
+  j.write("started", {{"port", 8645},
+                      {"sealed", true},
+                      {"open", false},
+                      {"big", uint64_t{18446744073709551615u}},
+                      {"socket", "/a b\nc"}});
+
+  struct stat st;
+  ASSERT_EQ(stat(home_.file("journal.log").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0600u);
+  EXPECT_EQ(home_.read("journal.log"),
+            "2026-08-29 13:44:52 stopped\n"
+            "2026-08-29 13:44:52 spent client=claude credential=sheets "
+            "request=r7f21\n"
+            "2026-08-29 13:44:52 started big=18446744073709551615 open=false "
+            "port=8645 sealed=true socket=/a b c\n");
+
+  // Values are cut to 120 whole characters: here "e" with a combining acute,
+  // three bytes each.
+  std::string accented;
+  for (int i = 0; i < 121; ++i) accented += "e\xCC\x81";
+  j.write("x", {{"v", accented}});
+  EXPECT_EQ(j.tail(1), std::vector<std::string>{"2026-08-29 13:44:52 x v=" +
+                                                accented.substr(0, 360)});
+}
+
+TEST_F(JournalTest, TailGivesTheLastLinesWithoutBlanks) {
+  Journal j(home_, [] { return kMoment; });
+  EXPECT_TRUE(j.tail(5).empty());  // no file yet
+  home_.writeAtomically("one\n\ntwo\nthree\n\n", "journal.log");
+  EXPECT_TRUE(j.tail(0).empty());
+  EXPECT_EQ(j.tail(2), (std::vector<std::string>{"two", "three"}));
+  EXPECT_EQ(j.tail(10), (std::vector<std::string>{"one", "two", "three"}));
+  home_.writeAtomically("bad \xFF\n", "journal.log");
+  EXPECT_TRUE(j.tail(10).empty());
+}
+
+TEST_F(JournalTest, ConcurrentWritersNeverMixLines) {
+  Journal j(home_);
+  constexpr int kThreads = 4, kLines = 100;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < kLines; ++i) {
+        j.write("tick", {{"thread", t}, {"i", i}});
+      }
+    });
+  }
+  for (auto& t : threads) t.join();
+  auto lines = j.tail(1000);
+  ASSERT_EQ(lines.size(), static_cast<size_t>(kThreads * kLines));
+  for (const auto& line : lines) {
+    EXPECT_NE(line.find(" tick i="), std::string::npos) << line;
+    EXPECT_EQ(line.find("tick", line.find("tick") + 1), std::string::npos);
+  }
+}
+
+TEST(EventsTest, KeysCountAndReentrantSinks) {
+  Events events;
+  std::vector<std::string> seen;
+  int64_t first = events.subscribe([&](const nlohmann::json& e) {
+    seen.push_back("first:" + e["event"].get<std::string>());
+  });
+  EXPECT_EQ(first, 1);
+  int64_t self = 0;
+  self = events.subscribe([&](const nlohmann::json&) {
+    seen.push_back("self");
+    events.unsubscribe(self);  // must not deadlock
+    events.subscribe([&](const nlohmann::json&) { seen.push_back("late"); });
+  });
+  events.subscribe(
+      [](const nlohmann::json&) { throw std::runtime_error("x"); });
+  EXPECT_EQ(self, 2);
+  EXPECT_EQ(events.listeners(), 3u);
+
+  events.emit({{"event", "decided"}});
+  EXPECT_EQ(events.listeners(), 3u);  // self gone, late added
+  std::sort(seen.begin(), seen.end());
+  EXPECT_EQ(seen, (std::vector<std::string>{"first:decided", "self"}));
+
+  events.unsubscribe(first);
+  events.unsubscribe(999);
+  EXPECT_EQ(events.subscribe([](const nlohmann::json&) {}), 5);
+  seen.clear();
+  events.emit({{"event", "secret.available"}});
+  EXPECT_EQ(seen, std::vector<std::string>{"late"});
+}
+
+}  // namespace
+}  // namespace tolvanger::service

@@ -1,0 +1,185 @@
+#include "tolvanger/service/store.h"
+
+#include <algorithm>
+#include <chrono>
+#include <limits>
+
+#include "tolvanger/kit/random.h"
+#include "tolvanger/kit/service_error.h"
+#include "tolvanger/kit/text.h"
+
+namespace tolvanger::service {
+
+namespace {
+
+constexpr std::string_view kDecidedLog = "decided.log";
+// How long a decided request stays in memory beyond the redemption grace.
+constexpr int64_t kLingerSeconds = 3600;
+
+// a + b, held at the int64 limits so a hand-edited grace cannot wrap.
+int64_t plus(int64_t a, int64_t b) {
+  int64_t sum;
+  if (__builtin_add_overflow(a, b, &sum)) {
+    return b > 0 ? std::numeric_limits<int64_t>::max()
+                 : std::numeric_limits<int64_t>::min();
+  }
+  return sum;
+}
+
+}  // namespace
+
+std::string_view toText(RequestState state) {
+  switch (state) {
+    case RequestState::kPending:
+      return "pending";
+    case RequestState::kApproved:
+      return "approved";
+    case RequestState::kDenied:
+      return "denied";
+    case RequestState::kExpired:
+      return "expired";
+    case RequestState::kCancelled:
+      return "cancelled";
+    case RequestState::kTaken:
+      return "taken";
+  }
+  return "unknown";
+}
+
+int64_t Store::systemNow() {
+  return std::chrono::duration_cast<std::chrono::seconds>(
+             std::chrono::system_clock::now().time_since_epoch())
+      .count();
+}
+
+Store::Store(Home home, int64_t graceSeconds, Clock now)
+    : home_(std::move(home)),
+      graceSeconds_(graceSeconds),
+      now_(std::move(now)) {
+  std::optional<std::string> log = home_.read(kDecidedLog);
+  if (!log || !Text::isValidUTF8(*log)) return;
+  std::lock_guard lock(mu_);
+  size_t start = 0;
+  while (start <= log->size()) {
+    size_t end = log->find('\n', start);
+    if (end == std::string::npos) end = log->size();
+    if (end > start) decided_.insert(log->substr(start, end - start));
+    start = end + 1;
+  }
+}
+
+std::string Store::mint() {
+  std::lock_guard lock(mu_);
+  for (;;) {
+    std::string id = "r" + Random::hex(8);
+    if (!requests_.contains(id) && !decided_.contains(id)) return id;
+  }
+}
+
+void Store::put(StoredRequest request) {
+  std::lock_guard lock(mu_);
+  std::string id = request.id;
+  requests_.insert_or_assign(std::move(id), std::move(request));
+  sweepLocked(now_());
+}
+
+std::optional<StoredRequest> Store::get(std::string_view id) {
+  std::lock_guard lock(mu_);
+  sweepLocked(now_());
+  auto it = requests_.find(id);
+  if (it == requests_.end()) return std::nullopt;
+  return it->second;
+}
+
+std::vector<StoredRequest> Store::pending() {
+  std::lock_guard lock(mu_);
+  sweepLocked(now_());
+  std::vector<StoredRequest> out;
+  for (const auto& [id, request] : requests_) {
+    if (request.state == RequestState::kPending) out.push_back(request);
+  }
+  std::stable_sort(out.begin(), out.end(),
+                   [](const StoredRequest& a, const StoredRequest& b) {
+                     return a.issuedAt < b.issuedAt;
+                   });
+  return out;
+}
+
+StoredRequest Store::decide(std::string_view id, RequestState state,
+                            std::optional<std::string> deviceID) {
+  std::lock_guard lock(mu_);
+  const int64_t now = now_();
+  sweepLocked(now);
+  auto it = requests_.find(id);
+  if (it == requests_.end()) throw ServiceError::refused("no such request");
+  StoredRequest& request = it->second;
+  if (request.state != RequestState::kPending) {
+    throw ServiceError::refused("that request was already " +
+                                std::string(toText(request.state)));
+  }
+  if (request.hasExpired(now) && state != RequestState::kExpired) {
+    request.state = RequestState::kExpired;
+    recordLocked(request.id);
+    throw ServiceError::refused("that request has expired");
+  }
+  request.state = state;
+  if (deviceID) request.deviceID = std::move(deviceID);
+  request.decidedAt = now;
+  recordLocked(request.id);
+  return request;
+}
+
+StoredRequest Store::take(std::string_view id) {
+  std::lock_guard lock(mu_);
+  const int64_t now = now_();
+  auto it = requests_.find(id);
+  if (it == requests_.end()) throw ServiceError::refused("no such request");
+  StoredRequest& request = it->second;
+  if (request.state == RequestState::kTaken) {
+    throw ServiceError::refused("that approval was already spent");
+  }
+  if (request.state != RequestState::kApproved) {
+    throw ServiceError::refused("that request is " +
+                                std::string(toText(request.state)));
+  }
+  if (plus(request.expiresAt, graceSeconds_) <= now) {
+    request.state = RequestState::kExpired;
+    throw ServiceError::refused("that approval went stale");
+  }
+  request.state = RequestState::kTaken;
+  return request;
+}
+
+bool Store::wasDecided(std::string_view id) {
+  std::lock_guard lock(mu_);
+  return decided_.contains(id);
+}
+
+void Store::sweepLocked(int64_t now) {
+  for (auto it = requests_.begin(); it != requests_.end();) {
+    StoredRequest& request = it->second;
+    // Removal looks at the request as it stood before this sweep, so one
+    // that expires now lingers like any other decided request.
+    const std::optional<int64_t> decidedBefore = request.decidedAt;
+    if (request.state == RequestState::kPending && request.hasExpired(now)) {
+      request.state = RequestState::kExpired;
+      request.decidedAt = now;
+      recordLocked(request.id);
+    }
+    if (decidedBefore &&
+        plus(plus(*decidedBefore, graceSeconds_), kLingerSeconds) < now) {
+      it = requests_.erase(it);
+    } else {
+      ++it;
+    }
+  }
+}
+
+void Store::recordLocked(const std::string& id) {
+  if (!decided_.insert(id).second) return;
+  // Ordered by the lock; a failure is not reported, since a request's fate
+  // never depends on this write.
+  (void)home_.appendLine(kDecidedLog, id);
+}
+
+}  // namespace tolvanger::service
