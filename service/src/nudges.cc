@@ -1,0 +1,55 @@
+#include "tolvanger/service/nudges.h"
+
+#include <algorithm>
+#include <chrono>
+#include <utility>
+
+#include "tolvanger/kit/random.h"
+#include "tolvanger/kit/service_error.h"
+
+namespace tolvanger::service {
+
+namespace {
+
+int64_t systemSeconds() {
+  return std::chrono::duration_cast<std::chrono::seconds>(
+             std::chrono::system_clock::now().time_since_epoch())
+      .count();
+}
+
+}  // namespace
+
+nlohmann::json Nudge::asDictionary() const {
+  return {{"id", id}, {"kind", kind}, {"expires_at", expiresAt}};
+}
+
+Nudges::Nudges(int64_t windowSeconds, Clock now)
+    : window_(windowSeconds),
+      now_(now ? std::move(now) : Clock(systemSeconds)) {}
+
+Nudge Nudges::raise(std::string_view kind) {
+  if (std::find(kinds.begin(), kinds.end(), kind) == kinds.end()) {
+    throw ServiceError::refused(
+        "this Mac has nothing to nudge a phone about called " +
+        std::string(kind));
+  }
+  const int64_t now = now_();
+  Nudge nudge{Random::hex(8), std::string(kind), now, now + window_};
+  std::lock_guard<std::mutex> lock(mu_);
+  held_ = nudge;
+  return nudge;
+}
+
+std::optional<Nudge> Nudges::current() {
+  const int64_t now = now_();
+  std::lock_guard<std::mutex> lock(mu_);
+  if (held_ && held_->expiresAt <= now) held_.reset();
+  return held_;
+}
+
+void Nudges::clear() {
+  std::lock_guard<std::mutex> lock(mu_);
+  held_.reset();
+}
+
+}  // namespace tolvanger::service
