@@ -1,0 +1,56 @@
+// Fuzz target for the agent socket's line handling: arbitrary bytes go to one
+// connection's parser and dispatcher, with a real Service in a temporary home.
+// Every reply must be one JSON object with a boolean "ok".
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "tolvanger/service/agent_session.h"
+#include "tolvanger/service/service.h"
+
+namespace {
+
+tolvanger::service::Service& sharedService() {
+  static std::unique_ptr<tolvanger::service::Service> service = [] {
+    std::string dir =
+        (std::filesystem::temp_directory_path() / "tolvanger-fuzz-XXXXXX")
+            .string();
+    if (::mkdtemp(dir.data()) == nullptr) std::abort();
+    auto s = std::make_unique<tolvanger::service::Service>(
+        tolvanger::service::Home(dir));
+    std::atexit(
+        [] { std::filesystem::remove_all(sharedService().home.path()); });
+    return s;
+  }();
+  return *service;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  auto& service = sharedService();
+  auto session = tolvanger::service::AgentSession::create(
+      service, "fuzz", std::nullopt, [](std::string_view line) {
+        const auto reply = nlohmann::json::parse(line, nullptr, false);
+        if (!reply.is_object() || !reply.contains("ok") ||
+            !reply["ok"].is_boolean()) {
+          std::fprintf(stderr, "bad reply: %.*s\n",
+                       static_cast<int>(line.size()), line.data());
+          std::abort();
+        }
+        return true;
+      });
+  // Feed in two pieces so lines split across reads are exercised too.
+  const std::string_view bytes(reinterpret_cast<const char*>(data), size);
+  const size_t half = size / 2;
+  if (session->feed(bytes.substr(0, half))) session->feed(bytes.substr(half));
+  session->end();
+  return 0;
+}

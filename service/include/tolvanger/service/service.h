@@ -1,0 +1,131 @@
+// The service: one object that owns every registry of a running
+// tolvanger-service and the operations that span them (raising and settling
+// requests, the status object, announcements, nudges).
+//
+// Built once per process and alive as long as it. There is no service-wide
+// lock: each registry has its own, and `Store::decide` arbitrates between
+// answers racing on one request, so of two exactly one goes through.
+//
+// Thread safety: every public member may be called from any thread.
+// `config` is fixed after construction; `setListenAddresses` is called once,
+// before any listener starts.
+#ifndef TOLVANGER_SERVICE_SERVICE_H_
+#define TOLVANGER_SERVICE_SERVICE_H_
+
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tolvanger/kit/bytes.h"
+#include "tolvanger/kit/fields.h"
+#include "tolvanger/service/agent_process.h"
+#include "tolvanger/service/callers.h"
+#include "tolvanger/service/chain.h"
+#include "tolvanger/service/config.h"
+#include "tolvanger/service/devices.h"
+#include "tolvanger/service/events.h"
+#include "tolvanger/service/home.h"
+#include "tolvanger/service/identity.h"
+#include "tolvanger/service/journal.h"
+#include "tolvanger/service/nudges.h"
+#include "tolvanger/service/secret_names.h"
+#include "tolvanger/service/store.h"
+
+namespace tolvanger::service {
+
+// The first line of the six that both sides sign for a request.
+inline constexpr std::string_view kBindingVersion = "tolvanger-v1";
+
+// What `raise` may be given besides the operation and its fields.
+struct RaiseOptions {
+  std::optional<std::string> credentialName;
+  std::optional<int64_t> ttlSeconds;
+  std::optional<std::string> profile;
+  std::optional<AgentProcess> agent;
+};
+
+// The result of an announcement of secrets from a phone.
+struct Announced {
+  std::vector<std::string> added;
+  bool stale = false;
+};
+
+class Service {
+ public:
+  // Makes the home, loads the configuration unless one is given, and loads or
+  // makes the keys. Throws what `Home::ensure`, `Identity` or the device
+  // registry throw.
+  explicit Service(Home home, std::optional<Config> config = std::nullopt);
+
+  Service(const Service&) = delete;
+  Service& operator=(const Service&) = delete;
+
+  // Files a request for the phone. Throws ServiceError::refused with the
+  // sentence of the first check that fails; nothing is filed then.
+  StoredRequest raise(const std::string& operation, Fields fields,
+                      const RaiseOptions& options = {});
+
+  // Calls off a pending request. Throws the store's refusal.
+  StoredRequest cancel(const std::string& requestID);
+
+  // The phone's no. `stamps` are the phone's timing stamps, or null. Throws
+  // the store's refusal.
+  StoredRequest deny(const std::string& requestID, const std::string& road,
+                     const nlohmann::json* stamps = nullptr);
+
+  // The six lines both sides sign for `request`, joined by newlines.
+  std::string binding(const StoredRequest& request) const;
+
+  // The object that represents `request` to a phone, signed by both keys.
+  // Throws if a key or a signature cannot be had.
+  nlohmann::json requestPayload(const StoredRequest& request);
+
+  // The status object that the socket's `hello` and `status` carry.
+  nlohmann::json status();
+
+  // The reply to an agent whose request was filed.
+  nlohmann::json openedReply(const StoredRequest& request) const;
+
+  // Raises a nudge for the phone. Throws ServiceError::refused.
+  Nudge nudge(const std::string& kind);
+
+  // Replaces the list of announced secrets with a phone's list. Throws
+  // ServiceError::refused and changes nothing on a bad list.
+  Announced announce(const nlohmann::json& secrets, std::optional<int64_t> seq,
+                     const std::string& deviceID);
+
+  // True when a released credential waits in memory for this request.
+  bool credentialWaiting(const std::string& requestID) const;
+  // True when the cloud road is up and connected, so phones are rung.
+  bool cloudConnected() const;
+
+  // Addresses a phone can reach, as "address:port".
+  std::vector<std::string> phoneAddresses() const;
+  // The address a pairing link names.
+  std::string pairingHost() const;
+
+  void setListenAddresses(std::vector<std::string> addresses);
+  const std::vector<std::string>& listenAddresses() const {
+    return listenAddresses_;
+  }
+
+  const Home home;
+  const Config config;
+  Identity identity;
+  Devices devices;
+  Store store;
+  SecretNames secrets;
+  Journal journal;
+  Chain chain;
+  Events events;
+  Nudges nudges;
+  Callers callers;
+
+ private:
+  std::vector<std::string> listenAddresses_;
+};
+
+}  // namespace tolvanger::service
+
+#endif  // TOLVANGER_SERVICE_SERVICE_H_

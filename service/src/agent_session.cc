@@ -1,0 +1,335 @@
+#include "tolvanger/service/agent_session.h"
+
+#include <unicode/uchar.h>
+
+#include <algorithm>
+#include <chrono>
+#include <set>
+#include <thread>
+
+#include "tolvanger/kit/fields.h"
+#include "tolvanger/kit/ids.h"
+#include "tolvanger/kit/service_error.h"
+#include "tolvanger/kit/text.h"
+#include "tolvanger/service/service.h"
+
+namespace tolvanger::service {
+
+using nlohmann::json;
+
+namespace {
+
+// Ops that only a peer that said hello as admin may use.
+const std::set<std::string, std::less<>> kAdminOps = {
+    "pair.open",    "pair.status",     "pair.cancel", "device.forget",
+    "journal.tail", "request.pending", "nudge.raise", "clients"};
+
+// Ops of the protocol that this build does not serve yet: they are refused
+// with a sentence, never faked.
+const std::set<std::string, std::less<>> kNotYetOps = {
+    "proxy.request",    "proxy.perform",  "signin.request",
+    "tripwire.observe", "tripwire.offer", "tripwire.install",
+    "pair.open",        "pair.status",    "pair.cancel"};
+
+json failure(const std::string& sentence) {
+  return json{{"ok", false}, {"error", sentence}};
+}
+
+std::optional<std::string> textAt(const json& object, const char* key) {
+  const auto it = object.find(key);
+  if (it == object.end() || !it->is_string()) return std::nullopt;
+  return it->get<std::string>();
+}
+
+std::optional<int64_t> integerAt(const json& object, const char* key) {
+  const auto it = object.find(key);
+  if (it == object.end()) return std::nullopt;
+  if (it->is_number_integer()) return it->get<int64_t>();
+  if (it->is_number_unsigned()) {
+    return static_cast<int64_t>(
+        std::min<uint64_t>(it->get<uint64_t>(), INT64_MAX));
+  }
+  return std::nullopt;
+}
+
+std::string requiredID(const json& object) {
+  auto id = textAt(object, "id");
+  if (!id) throw ServiceError::refused("no request named");
+  return *id;
+}
+
+std::string dumpLine(const json& object) {
+  return object.dump(-1, ' ', false, json::error_handler_t::replace);
+}
+
+}  // namespace
+
+std::shared_ptr<AgentSession> AgentSession::create(
+    Service& service, std::string process,
+    std::optional<AgentProcess> agentProcess, Sender send,
+    const std::atomic<bool>* stopping) {
+  return std::shared_ptr<AgentSession>(new AgentSession(
+      service, std::move(process), agentProcess, std::move(send), stopping));
+}
+
+AgentSession::AgentSession(Service& service, std::string process,
+                           std::optional<AgentProcess> agentProcess,
+                           Sender send, const std::atomic<bool>* stopping)
+    : service_(service),
+      process_(std::move(process)),
+      agentProcess_(agentProcess),
+      send_(std::move(send)),
+      stopping_(stopping) {}
+
+AgentSession::~AgentSession() { end(); }
+
+std::string AgentSession::labelFor(std::string_view executableName) {
+  std::string out;
+  for (char32_t c : Text::scalars(Text::prefix(executableName, 48))) {
+    if (c == U'=' || u_isUWhiteSpace(static_cast<UChar32>(c))) {
+      out += '-';
+      continue;
+    }
+    // Re-encode the scalar as UTF-8.
+    if (c < 0x80) {
+      out += static_cast<char>(c);
+    } else if (c < 0x800) {
+      out += static_cast<char>(0xC0 | (c >> 6));
+      out += static_cast<char>(0x80 | (c & 0x3F));
+    } else if (c < 0x10000) {
+      out += static_cast<char>(0xE0 | (c >> 12));
+      out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+      out += static_cast<char>(0x80 | (c & 0x3F));
+    } else {
+      out += static_cast<char>(0xF0 | (c >> 18));
+      out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
+      out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+      out += static_cast<char>(0x80 | (c & 0x3F));
+    }
+  }
+  return out;
+}
+
+bool AgentSession::feed(std::string_view bytes) {
+  pending_.append(bytes);
+  // The limit is on everything pending, before any line is taken out, so a
+  // burst of complete lines larger than the limit is refused too.
+  if (pending_.size() > kMaxLine) {
+    pending_.clear();
+    sendLine(failure("that line is too long"));
+    return false;
+  }
+  size_t start = 0;
+  for (size_t nl = pending_.find('\n'); nl != std::string::npos;
+       nl = pending_.find('\n', start)) {
+    const std::string_view line(pending_.data() + start, nl - start);
+    start = nl + 1;
+    if (line.empty()) continue;
+    sendLine(handleLine(line));
+  }
+  pending_.erase(0, start);
+  return true;
+}
+
+void AgentSession::sendLine(const json& object) {
+  const std::string line = dumpLine(object);
+  std::lock_guard<std::mutex> lock(mu_);
+  // After `end` the connection's descriptor may be closed and reused: an
+  // event that raced with the end must not reach whoever has it now.
+  if (ended_) return;
+  send_(line);
+}
+
+json AgentSession::handleLine(std::string_view line) {
+  json object = json::parse(line, nullptr, /*allow_exceptions=*/false);
+  if (!object.is_object()) return failure("that is not an op");
+  const auto op = textAt(object, "op");
+  if (!op) return failure("that is not an op");
+  try {
+    if (*op == "hello") return hello(object);
+    std::optional<std::string> role, client;
+    {
+      std::lock_guard<std::mutex> lock(mu_);
+      role = role_;
+      client = client_;
+    }
+    if (!role) return failure("say hello first");
+    return dispatch(*op, object, *role, client);
+  } catch (const ServiceError& e) {
+    return failure(e.what());
+  } catch (const std::exception& e) {
+    return failure(e.what());
+  }
+}
+
+json AgentSession::hello(const json& line) {
+  const std::string role = textAt(line, "role") == "admin" ? "admin" : "agent";
+  std::optional<std::string> client = textAt(line, "client");
+  if (client && (!Ids::isID(*client) || client->size() > 32)) client.reset();
+  bool first = false;
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    first = !role_.has_value();
+    role_ = role;
+    client_ = client;
+    if (first) saidHello_ = true;
+  }
+  if (first) service_.callers.hello(client.value_or(""), process_, role);
+  json reply = service_.status();
+  reply["scope"] = role;
+  reply["agent"] = process_;
+  reply["client"] = client.value_or("");
+  return reply;
+}
+
+json AgentSession::dispatch(const std::string& op, const json& line,
+                            const std::string& role,
+                            const std::optional<std::string>& client) {
+  if (kAdminOps.count(op) != 0 && role != "admin") {
+    return failure("that needs the admin role");
+  }
+  if (kNotYetOps.count(op) != 0) {
+    return failure(op + " is not available in this build of the service");
+  }
+  if (op == "ping") return json{{"ok", true}, {"pong", true}};
+  if (op == "status") return service_.status();
+  if (op == "secret.list") {
+    json names = json::array();
+    for (const auto& name : service_.secrets.all())
+      names.push_back(name.asDictionary());
+    return json{{"ok", true}, {"secrets", std::move(names)}};
+  }
+  if (op == "request") {
+    const auto operation = textAt(line, "operation");
+    if (!operation) return failure("no operation named");
+    const auto fieldsIt = line.find("fields");
+    Fields fields = Fields::from(fieldsIt == line.end() ? nullptr : &*fieldsIt);
+    fields.set("agent", process_.empty() ? "-" : process_);
+    if (client) fields.set("client", *client);
+    RaiseOptions options;
+    options.ttlSeconds = integerAt(line, "ttl_s");
+    return service_.openedReply(
+        service_.raise(*operation, std::move(fields), options));
+  }
+  if (op == "poll") return poll(line);
+  if (op == "redeem") {
+    const std::string id = requiredID(line);
+    const StoredRequest taken = service_.store.take(id);
+    service_.journal.write("redeemed",
+                           {{"request", id}, {"client", client.value_or("-")}});
+    return json{{"ok", true},
+                {"state", "approved"},
+                {"device_id", taken.deviceID.value_or("")}};
+  }
+  if (op == "cancel") {
+    service_.cancel(requiredID(line));
+    return json{{"ok", true}, {"state", "cancelled"}};
+  }
+  if (op == "subscribe") return subscribe();
+  if (op == "unsubscribe") return unsubscribe();
+  if (op == "device.forget") {
+    const auto id = textAt(line, "id");
+    if (!id) return failure("no device named");
+    return json{{"ok", true}, {"forgotten", service_.devices.forget(*id)}};
+  }
+  if (op == "journal.tail") {
+    const int64_t lines =
+        std::clamp<int64_t>(integerAt(line, "lines").value_or(40), 1, 500);
+    return json{{"ok", true},
+                {"lines", service_.journal.tail(static_cast<size_t>(lines))}};
+  }
+  if (op == "request.pending") {
+    json rows = json::array();
+    for (const auto& r : service_.store.pending()) {
+      rows.push_back(json{{"id", r.id},
+                          {"operation", r.operation},
+                          {"summary", r.summary},
+                          {"credential", r.credentialName.value_or("")},
+                          {"client", r.fields.text("client").value_or("")},
+                          {"expires_at", r.expiresAt}});
+    }
+    return json{{"ok", true}, {"requests", std::move(rows)}};
+  }
+  if (op == "nudge.raise") {
+    const std::string kind = textAt(line, "kind").value_or("secret");
+    const Nudge nudge = service_.nudge(kind);
+    return json{{"ok", true},
+                {"id", nudge.id},
+                {"kind", nudge.kind},
+                {"expires_at", nudge.expiresAt},
+                {"push", service_.cloudConnected()}};
+  }
+  if (op == "clients") {
+    json rows = json::array();
+    for (const auto& caller : service_.callers.all())
+      rows.push_back(caller.asDictionary());
+    return json{{"ok", true},
+                {"connected", service_.callers.connected()},
+                {"clients", std::move(rows)}};
+  }
+  return failure("no such op");
+}
+
+json AgentSession::poll(const json& line) {
+  const std::string id = requiredID(line);
+  const int64_t wait =
+      std::min<int64_t>(integerAt(line, "wait").value_or(0), kMaxPollWait);
+  const auto deadline = std::chrono::steady_clock::now() +
+                        std::chrono::seconds(std::max<int64_t>(wait, 0));
+  for (;;) {
+    const auto stored = service_.store.get(id);
+    if (!stored) return json{{"ok", true}, {"state", "unknown"}};
+    if (stored->state != RequestState::kPending ||
+        std::chrono::steady_clock::now() >= deadline ||
+        (stopping_ != nullptr && stopping_->load())) {
+      return json{{"ok", true},
+                  {"state", toText(stored->state)},
+                  {"expires_at", stored->expiresAt},
+                  {"credential_waiting", service_.credentialWaiting(id)}};
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+}
+
+json AgentSession::subscribe() {
+  std::lock_guard<std::mutex> lock(mu_);
+  if (!subscription_) {
+    std::weak_ptr<AgentSession> weak = weak_from_this();
+    subscription_ = service_.events.subscribe([weak](const json& event) {
+      if (auto self = weak.lock()) {
+        json line = event;
+        line["ok"] = true;
+        self->sendLine(line);
+      }
+    });
+  }
+  return json{{"ok", true}, {"subscribed", true}};
+}
+
+json AgentSession::unsubscribe() {
+  std::optional<int64_t> key;
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    key = std::exchange(subscription_, std::nullopt);
+  }
+  if (key) service_.events.unsubscribe(*key);
+  return json{{"ok", true}, {"subscribed", false}};
+}
+
+void AgentSession::end() {
+  std::optional<int64_t> key;
+  std::optional<std::string> client;
+  bool saidHello = false;
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    if (ended_) return;
+    ended_ = true;
+    key = std::exchange(subscription_, std::nullopt);
+    client = client_;
+    saidHello = saidHello_;
+  }
+  if (key) service_.events.unsubscribe(*key);
+  if (saidHello) service_.callers.goodbye(client.value_or(""), process_);
+}
+
+}  // namespace tolvanger::service

@@ -1,0 +1,46 @@
+#include "tolvanger/service/runtime.h"
+
+#include <string>
+
+namespace tolvanger::service {
+
+namespace {
+std::string joined(const std::vector<std::string>& items, const char* sep) {
+  std::string out;
+  for (const auto& item : items) {
+    if (!out.empty()) out += sep;
+    out += item;
+  }
+  return out;
+}
+}  // namespace
+
+Runtime::Runtime(Home home, std::optional<Config> config)
+    : service_(std::make_unique<Service>(std::move(home), std::move(config))) {
+  addresses_ = service_->config.listen;
+  service_->setListenAddresses(addresses_);
+  socketPath_ = service_->home.file("tolvanger.sock");
+  agents_ = std::make_unique<AgentSocket>(*service_, socketPath_);
+}
+
+Runtime::~Runtime() { stop(); }
+
+void Runtime::start() {
+  if (running_) return;
+  agents_->start();
+  running_ = true;
+  const Config& config = service_->config;
+  service_->journal.write("started", {{"socket", socketPath_},
+                                      {"listen", joined(addresses_, ",")},
+                                      {"port", config.listenPort},
+                                      {"sealed", config.requireSealed}});
+}
+
+void Runtime::stop() {
+  if (!running_) return;
+  running_ = false;
+  agents_->stop();
+  service_->journal.write("stopped", {});
+}
+
+}  // namespace tolvanger::service
