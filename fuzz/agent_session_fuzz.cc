@@ -17,19 +17,27 @@
 
 namespace {
 
-tolvanger::service::Service& sharedService() {
-  static std::unique_ptr<tolvanger::service::Service> service = [] {
-    std::string dir =
-        (std::filesystem::temp_directory_path() / "tolvanger-fuzz-XXXXXX")
-            .string();
+// One service in a temporary home for the whole run; the home is removed
+// after the service is gone.
+struct Shared {
+  std::string dir;
+  std::unique_ptr<tolvanger::service::Service> service;
+  Shared() {
+    dir = (std::filesystem::temp_directory_path() / "tolvanger-fuzz-XXXXXX")
+              .string();
     if (::mkdtemp(dir.data()) == nullptr) std::abort();
-    auto s = std::make_unique<tolvanger::service::Service>(
+    service = std::make_unique<tolvanger::service::Service>(
         tolvanger::service::Home(dir));
-    std::atexit(
-        [] { std::filesystem::remove_all(sharedService().home.path()); });
-    return s;
-  }();
-  return *service;
+  }
+  ~Shared() {
+    service.reset();
+    std::filesystem::remove_all(dir);
+  }
+};
+
+tolvanger::service::Service& sharedService() {
+  static Shared shared;
+  return *shared.service;
 }
 
 }  // namespace

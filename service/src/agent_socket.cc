@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "tolvanger/kit/crypto/digest.h"
 #include "tolvanger/kit/service_error.h"
 #include "tolvanger/port/peer.h"
 #include "tolvanger/service/agent_session.h"
@@ -157,6 +158,7 @@ void AgentSocket::serve(int fd, std::string process, pid_t pid) {
     }
     session->end();
   }
+  crypto::releaseThreadState();
   std::lock_guard<std::mutex> lock(mu_);
   ::close(fd);
   connections_.erase(fd);

@@ -1,6 +1,7 @@
 #include "tolvanger/kit/crypto/digest.h"
 
 #include <openssl/core_names.h>
+#include <openssl/crypto.h>
 #include <openssl/evp.h>
 #include <openssl/kdf.h>
 
@@ -95,5 +96,7 @@ SecretBytes hkdfExpand(ByteView prk, ByteView info, size_t length) {
   if (length == 0) return SecretBytes();
   return hkdf("EXPAND_ONLY", prk, OSSL_KDF_PARAM_INFO, info, length);
 }
+
+void releaseThreadState() { OPENSSL_thread_stop(); }
 
 }  // namespace tolvanger::crypto

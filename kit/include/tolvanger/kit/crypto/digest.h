@@ -38,6 +38,11 @@ SecretBytes hkdfExtract(ByteView salt, ByteView ikm);
 // (std::invalid_argument above that, a caller's mistake).
 SecretBytes hkdfExpand(ByteView prk, ByteView info, size_t length);
 
+// Frees the cryptographic library's per-thread state (its random generators
+// among it). Threads that used the library call it before they end; the
+// library does not always manage it by itself when linked statically.
+void releaseThreadState();
+
 }  // namespace tolvanger::crypto
 
 #endif  // TOLVANGER_KIT_CRYPTO_DIGEST_H_
