@@ -135,3 +135,9 @@ std::optional<Bytes> fromBase64(std::string_view text) {
 }
 
 }  // namespace tolvanger
+
+#include "tolvanger/kit/secret_json.h"
+
+namespace tolvanger {
+void wipeForAllocator(void* p, size_t bytes) noexcept { wipe(p, bytes); }
+}  // namespace tolvanger

@@ -28,8 +28,7 @@ const std::set<std::string, std::less<>> kAdminOps = {
 // with a sentence, never faked.
 const std::set<std::string, std::less<>> kNotYetOps = {
     "proxy.request",    "proxy.perform",  "signin.request",
-    "tripwire.observe", "tripwire.offer", "tripwire.install",
-    "pair.open",        "pair.status",    "pair.cancel"};
+    "tripwire.observe", "tripwire.offer", "tripwire.install"};
 
 json failure(const std::string& sentence) {
   return json{{"ok", false}, {"error", sentence}};
@@ -258,6 +257,15 @@ json AgentSession::dispatch(const std::string& op, const json& line,
                 {"kind", nudge.kind},
                 {"expires_at", nudge.expiresAt},
                 {"push", service_.cloudConnected()}};
+  }
+  if (op == "pair.open") {
+    const auto host = textAt(line, "host");
+    return service_.pairing.open(host ? *host : service_.pairingHost()).toJSON();
+  }
+  if (op == "pair.status") return service_.pairing.status();
+  if (op == "pair.cancel") {
+    service_.pairing.cancel();
+    return json{{"ok", true}};
   }
   if (op == "clients") {
     json rows = json::array();

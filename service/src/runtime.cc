@@ -40,6 +40,7 @@ void Runtime::stop() {
   if (!running_) return;
   running_ = false;
   agents_->stop();
+  service_->credentials.scrubAll();
   service_->journal.write("stopped", {});
 }
 

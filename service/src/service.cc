@@ -1,10 +1,14 @@
 #include "tolvanger/service/service.h"
 
+#include <algorithm>
 #include <chrono>
+#include <cstdint>
 
 #include "tolvanger/kit/canonical.h"
+#include "tolvanger/kit/cloud_seal.h"
 #include "tolvanger/kit/fingerprint.h"
 #include "tolvanger/kit/ids.h"
+#include "tolvanger/kit/secret_json.h"
 #include "tolvanger/kit/service_error.h"
 #include "tolvanger/kit/summary.h"
 
@@ -37,7 +41,9 @@ Service::Service(Home h, std::optional<Config> c)
       config(c ? std::move(*c) : Config::load(home)),
       identity(home),
       devices(home),
+      pairing(devices, identity, config),
       store(home, config.redeemGraceSeconds),
+      credentials(config.credentialTTLSeconds),
       secrets(home),
       journal(home),
       chain(home),
@@ -99,8 +105,138 @@ StoredRequest Service::raise(const std::string& operation, Fields fields,
   return request;
 }
 
+bool Service::isCredentialKind(std::string_view kind) {
+  return kind == "bearer" || kind == "api_key" || kind == "basic" || kind == "cookie";
+}
+
+StoredRequest Service::approve(const Approval& a) {
+  // Steps that only check: nothing changes until the store decides.
+  const auto found = store.get(a.requestID);
+  if (!found) throw ServiceError::refused("no such request");
+  const StoredRequest& request = *found;
+  if (request.state != RequestState::kPending) {
+    throw ServiceError::refused("that request was already " +
+                                std::string(toText(request.state)));
+  }
+  if (request.expiresAt <= nowSeconds()) {
+    throw ServiceError::refused("that request has expired");
+  }
+  const auto device = devices.device(a.deviceID);
+  const auto key = device ? device->publicKey() : std::nullopt;
+  if (!key) throw ServiceError::refused("that device is not paired here");
+  if (!constantTimeEqual(request.digest, a.digest)) {
+    throw ServiceError::refused("that is not this request's digest");
+  }
+  // The binding is rebuilt from what was stored, never from the approval.
+  const std::string bound = binding(request);
+  const auto signature = fromBase64(a.signatureBase64);
+  if (!signature || !key->verify(asBytes(bound), *signature)) {
+    journal.write("refused",
+                  {{"request", request.id}, {"device", a.deviceID}, {"why", "signature"}});
+    throw ServiceError::refused("that signature is not this device's");
+  }
+  if (const auto pqKey = device->pqPublicKey()) {
+    const auto pqSignature =
+        a.pqSignatureBase64 ? fromBase64(*a.pqSignatureBase64) : std::nullopt;
+    if (!pqSignature || !pqKey->verify(asBytes(bound), *pqSignature)) {
+      journal.write("refused", {{"request", request.id},
+                                {"device", a.deviceID},
+                                {"why", "pq-signature"}});
+      throw ServiceError::refused(
+          "that approval lacks this device's post-quantum signature");
+    }
+  }
+  std::optional<OpenedCredential> opened;
+  if (a.credentialEnvelope != nullptr) {
+    opened = openCredential(*a.credentialEnvelope, request);
+  } else if (request.credentialName) {
+    throw ServiceError::refused(
+        "this request asks for a credential and none came with the approval");
+  }
+
+  // The decision. `opened` wipes its value when it goes out of scope, on
+  // this path and every other.
+  StoredRequest decided = store.decide(request.id, RequestState::kApproved, a.deviceID);
+  if (opened) {
+    credentials.put(decided.id, opened->name, opened->kind, opened->value.reveal(),
+                    opened->expiry, a.deviceID);
+    opened->value.wipe();
+  }
+  chain.answered(decided.id, a.road, a.stamps);
+  journal.write("approved", {{"request", decided.id},
+                             {"device", a.deviceID},
+                             {"road", a.road},
+                             {"credential", opened ? opened->name : std::string("-")},
+                             {"client", clientOf(decided)}});
+  events.emit(json{{"event", "decided"},
+                   {"request_id", decided.id},
+                   {"state", "approved"},
+                   {"credential", opened.has_value()}});
+  return decided;
+}
+
+OpenedCredential Service::openCredential(const json& envelopeObject,
+                                         const StoredRequest& request) {
+  CloudEnvelope envelope;
+  try {
+    envelope = CloudEnvelope::from(envelopeObject);
+  } catch (const std::exception&) {
+    throw ServiceError::refused("that is not a credential for this request");
+  }
+  if (envelope.kind != "cred" || envelope.id != request.id) {
+    throw ServiceError::refused("that is not a credential for this request");
+  }
+  SecretJson offer;
+  try {
+    SecretBytes plain = CloudSeal::open(envelope, identity.cloudKey());
+    const ByteView bytes = plain.reveal();
+    offer = SecretJson::parse(bytes.begin(), bytes.end(), nullptr, false);
+  } catch (const std::exception&) {
+    throw ServiceError::refused("the credential did not open");
+  }
+  if (!offer.is_object()) throw ServiceError::refused("the credential did not open");
+  const auto text = [&](const char* k) -> const SecretString* {
+    const auto it = offer.find(k);
+    return it != offer.end() && it->is_string() ? &it->get_ref<const SecretString&>()
+                                                : nullptr;
+  };
+  const auto integer = [&](const char* k) -> std::optional<int64_t> {
+    const auto it = offer.find(k);
+    if (it == offer.end()) return std::nullopt;
+    if (it->is_number_unsigned()) {
+      return static_cast<int64_t>(std::min<uint64_t>(it->get<uint64_t>(), INT64_MAX));
+    }
+    if (it->is_number_integer()) return it->get<int64_t>();
+    return std::nullopt;
+  };
+  const SecretString* id = text("request_id");
+  if (id == nullptr || *id != request.id.c_str()) {
+    throw ServiceError::refused("that credential is for another request");
+  }
+  const SecretString* name = text("name");
+  if (name == nullptr || !request.credentialName ||
+      *name != request.credentialName->c_str()) {
+    throw ServiceError::refused("that credential is not the one asked for");
+  }
+  const SecretString* value = text("value");
+  if (value == nullptr || value->empty()) {
+    throw ServiceError::refused("that credential has no value in it");
+  }
+  const SecretString* kind = text("kind");
+  if (kind == nullptr || !isCredentialKind(std::string_view(*kind))) {
+    throw ServiceError::refused("that credential's kind is not one this Mac knows");
+  }
+  OpenedCredential out{std::string(*name), std::string(*kind),
+                       SecretBytes(asBytes(std::string_view(*value))), std::nullopt,
+                       std::nullopt};
+  if (const auto hold = integer("hold_seconds"); hold && *hold >= 1) out.hold = hold;
+  out.expiry = integer("expires_at");
+  return out;
+}
+
 StoredRequest Service::cancel(const std::string& requestID) {
   StoredRequest request = store.decide(requestID, RequestState::kCancelled);
+  credentials.discard(request.id);
   journal.write("cancelled",
                 {{"request", request.id}, {"client", clientOf(request)}});
   return request;
@@ -175,7 +311,7 @@ json Service::status() {
       {"devices", std::move(deviceRows)},
       {"secrets", std::move(secretNames)},
       {"pending", store.pending().size()},
-      {"credentials_held", 0},
+      {"credentials_held", credentials.count()},
       {"allowances", 0},
       {"require_sealed", config.requireSealed},
       {"max_phones", config.maxPhones},
@@ -239,10 +375,8 @@ Announced Service::announce(const json& list, std::optional<int64_t> seq,
   return Announced{std::move(added), false};
 }
 
-bool Service::credentialWaiting(const std::string&) const {
-  // No credential is ever released into memory until the approval road
-  // exists, so none can be waiting.
-  return false;
+bool Service::credentialWaiting(const std::string& requestID) {
+  return credentials.waiting(requestID);
 }
 
 bool Service::cloudConnected() const { return false; }

@@ -23,12 +23,14 @@
 #include "tolvanger/service/callers.h"
 #include "tolvanger/service/chain.h"
 #include "tolvanger/service/config.h"
+#include "tolvanger/service/credentials.h"
 #include "tolvanger/service/devices.h"
 #include "tolvanger/service/events.h"
 #include "tolvanger/service/home.h"
 #include "tolvanger/service/identity.h"
 #include "tolvanger/service/journal.h"
 #include "tolvanger/service/nudges.h"
+#include "tolvanger/service/pairing.h"
 #include "tolvanger/service/secret_names.h"
 #include "tolvanger/service/store.h"
 
@@ -43,6 +45,28 @@ struct RaiseOptions {
   std::optional<int64_t> ttlSeconds;
   std::optional<std::string> profile;
   std::optional<AgentProcess> agent;
+};
+
+// A phone's answer of yes, as a road hands it over. The pointers may be null
+// and must outlive the call.
+struct Approval {
+  std::string requestID;
+  std::string deviceID;
+  std::string digest;
+  std::string signatureBase64;
+  std::optional<std::string> pqSignatureBase64;
+  const nlohmann::json* credentialEnvelope = nullptr;
+  std::string road;
+  const nlohmann::json* stamps = nullptr;
+};
+
+// A credential opened from the envelope that came with an approval.
+struct OpenedCredential {
+  std::string name;
+  std::string kind;
+  SecretBytes value;
+  std::optional<int64_t> expiry;  // the phone's limit, whole seconds
+  std::optional<int64_t> hold;    // seconds of reuse the phone allowed
 };
 
 // The result of an announcement of secrets from a phone.
@@ -68,6 +92,16 @@ class Service {
 
   // Calls off a pending request. Throws the store's refusal.
   StoredRequest cancel(const std::string& requestID);
+
+  // The phone's yes. Every check runs before anything changes; a refusal
+  // (ServiceError::refused with its sentence) leaves the request pending, so
+  // a corrected approval may follow. Of two approvals racing, exactly one
+  // passes. A credential that came with it is held in memory for this
+  // request, and every other copy of its bytes is wiped.
+  StoredRequest approve(const Approval& approval);
+
+  // The kinds of credential this service knows how to attach.
+  static bool isCredentialKind(std::string_view kind);
 
   // The phone's no. `stamps` are the phone's timing stamps, or null. Throws
   // the store's refusal.
@@ -96,7 +130,7 @@ class Service {
                      const std::string& deviceID);
 
   // True when a released credential waits in memory for this request.
-  bool credentialWaiting(const std::string& requestID) const;
+  bool credentialWaiting(const std::string& requestID);
   // True when the cloud road is up and connected, so phones are rung.
   bool cloudConnected() const;
 
@@ -114,7 +148,9 @@ class Service {
   const Config config;
   Identity identity;
   Devices devices;
+  Pairing pairing;
   Store store;
+  Credentials credentials;
   SecretNames secrets;
   Journal journal;
   Chain chain;
@@ -123,6 +159,9 @@ class Service {
   Callers callers;
 
  private:
+  OpenedCredential openCredential(const nlohmann::json& envelope,
+                                  const StoredRequest& request);
+
   std::vector<std::string> listenAddresses_;
 };
 
