@@ -2,26 +2,35 @@
 //
 //   tolvanger-service init [--quiet]   make the home, config.json and keys
 //   tolvanger-service serve [--quiet]  run until SIGINT or SIGTERM
+//   tolvanger-service pair             open a pairing window, show its QR code
+//   tolvanger-service status [--json]  what the running service reports
 //
 // The home is $TOLVANGER_HOME when set, else the platform's default.
 #include <signal.h>
 
+#include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <exception>
 #include <iostream>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 #include "tolvanger/kit/fingerprint.h"
 #include "tolvanger/port/memory.h"
+#include "tolvanger/service/admin.h"
 #include "tolvanger/service/config.h"
 #include "tolvanger/service/home.h"
+#include "tolvanger/service/qr.h"
 #include "tolvanger/service/runtime.h"
 #include "tolvanger/service/service.h"
 
 namespace {
 
+using nlohmann::json;
+using tolvanger::service::Admin;
 using tolvanger::service::Config;
 using tolvanger::service::Home;
 using tolvanger::service::Runtime;
@@ -33,6 +42,8 @@ constexpr const char* kUsage =
     "commands:\n"
     "  init [--quiet]    make the home, its config.json and the keys\n"
     "  serve [--quiet]   run the service until interrupted\n"
+    "  pair              open a pairing window and show its link as a QR code\n"
+    "  status [--json]   show what the running service reports\n"
     "\n"
     "The home is $TOLVANGER_HOME if set.\n";
 
@@ -97,6 +108,70 @@ int serve(const std::vector<std::string_view>& args) {
   return 0;
 }
 
+volatile std::sig_atomic_t interrupted = 0;
+
+std::string textOf(const json& o, const char* key) {
+  const auto it = o.find(key);
+  return it != o.end() && it->is_string() ? it->get<std::string>() : "";
+}
+
+int pair(const std::vector<std::string_view>&) {
+  Admin admin(Home::standard());
+  const json opened = admin.call({{"op", "pair.open"}});
+  if (opened.value("ok", false) != true) return fail(textOf(opened, "error"));
+  const std::string url = textOf(opened, "url");
+  std::printf("%s\n", tolvanger::service::QR::render(url).c_str());
+  std::printf("Scan this with the phone, or give it this link:\n  %s\n",
+              url.c_str());
+  std::printf("This Mac's fingerprint: %s\n",
+              textOf(opened, "fingerprint").c_str());
+  std::printf("Waiting for the phone (Ctrl-C closes the window)...\n");
+  std::fflush(stdout);
+
+  std::signal(SIGINT, [](int) { interrupted = 1; });
+  std::signal(SIGTERM, [](int) { interrupted = 1; });
+  std::string offeredBy;
+  while (!interrupted) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(250));
+    const json status = admin.call({{"op", "pair.status"}});
+    const std::string state = textOf(status, "state");
+    if (state == "offered" && offeredBy.empty()) {
+      offeredBy = textOf(status, "device_id");
+      std::printf(
+          "\n%s (%s) wants to pair.\nThe phone shows three numbers. Pick %s.\n",
+          textOf(status, "name").c_str(), offeredBy.c_str(),
+          textOf(status, "code").c_str());
+      std::fflush(stdout);
+    }
+    if (state == "none") {
+      const json now = admin.call({{"op", "status"}});
+      for (const json& d : now.value("devices", json::array())) {
+        if (!offeredBy.empty() && d.is_object() &&
+            textOf(d, "device_id") == offeredBy) {
+          std::printf("Paired with %s.\n", textOf(d, "name").c_str());
+          return 0;
+        }
+      }
+      return fail("the pairing window closed without a phone");
+    }
+  }
+  admin.call({{"op", "pair.cancel"}});
+  return fail("the pairing window was closed");
+}
+
+int status(const std::vector<std::string_view>& args) {
+  Admin admin(Home::standard());
+  const json reply = admin.call({{"op", "status"}});
+  if (hasFlag(args, "--json")) {
+    std::printf("%s\n", tolvanger::service::Pretty::render(reply).c_str());
+    return 0;
+  }
+  for (const auto& line : tolvanger::service::StatusLines::render(reply)) {
+    std::printf("%s\n", line.c_str());
+  }
+  return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -113,6 +188,8 @@ int main(int argc, char** argv) {
   try {
     if (command == "init") return init(rest);
     if (command == "serve") return serve(rest);
+    if (command == "pair") return pair(rest);
+    if (command == "status") return status(rest);
   } catch (const std::exception& e) {
     return fail(e.what());
   }

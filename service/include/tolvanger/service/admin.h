@@ -1,0 +1,67 @@
+// The client of the agent socket: a blocking line client with the hello
+// built in. The desktop app and the service's own commands use it with the
+// role "admin"; the MCP gate uses one per call with the role "agent".
+// `StatusLines` turns the status object into lines for a terminal.
+//
+// Thread safety: `call` may be used from many threads; `mu_` makes each call
+// atomic. A failed read or write leaves the object unusable: make a new one.
+#ifndef TOLVANGER_SERVICE_ADMIN_H_
+#define TOLVANGER_SERVICE_ADMIN_H_
+
+#include <mutex>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tolvanger/kit/thread_annotations.h"
+#include "tolvanger/service/home.h"
+
+namespace tolvanger::service {
+
+class Admin {
+ public:
+  // Connects to `tolvanger.sock` in the home and says hello as admin.
+  explicit Admin(const Home& home);
+  // Connects and says hello. Throws ServiceError with the reason: "could not
+  // make a socket", "nothing is listening at <path> — is the service
+  // running?", the hello's own error, or "the service refused the hello".
+  Admin(const std::string& path, std::optional<std::string> client,
+        const std::string& role);
+  ~Admin();
+
+  Admin(const Admin&) = delete;
+  Admin& operator=(const Admin&) = delete;
+
+  // Sends one op and returns its reply, skipping event lines. Throws
+  // ServiceError "the socket closed" or "the service sent something
+  // unreadable".
+  nlohmann::json call(const nlohmann::json& object);
+
+  // The hello's reply: the status object with scope, agent and client.
+  const nlohmann::json& greeting() const { return greeting_; }
+
+ private:
+  nlohmann::json callLocked(const nlohmann::json& object) REQUIRES(mu_);
+
+  const std::string path_;
+  std::mutex mu_;
+  int fd_ GUARDED_BY(mu_) = -1;
+  std::string buffer_ GUARDED_BY(mu_);
+  nlohmann::json greeting_;
+};
+
+// Lines for a terminal from a status object. Never fails: a value of the
+// wrong type reads as absent.
+namespace StatusLines {
+std::vector<std::string> render(const nlohmann::json& status);
+}  // namespace StatusLines
+
+// A JSON object pretty-printed with sorted keys.
+namespace Pretty {
+std::string render(const nlohmann::json& object);
+}  // namespace Pretty
+
+}  // namespace tolvanger::service
+
+#endif  // TOLVANGER_SERVICE_ADMIN_H_
