@@ -1,9 +1,12 @@
 #include "tolvanger/service/identity.h"
 
+#include <chrono>
 #include <cstring>
 #include <system_error>
 
+#include "tolvanger/kit/cloud_card.h"
 #include "tolvanger/kit/fingerprint.h"
+#include "tolvanger/kit/service_error.h"
 
 namespace tolvanger::service {
 
@@ -106,5 +109,23 @@ std::string Identity::fingerprint() { return Fingerprint::of(spki()); }
 Bytes Identity::sign(ByteView data) { return ensure().sign(data); }
 
 Bytes Identity::signPQ(ByteView data) { return pqKey().sign(data); }
+
+std::string Identity::cloudCard() {
+  const int64_t now = std::chrono::duration_cast<std::chrono::seconds>(
+                          std::chrono::system_clock::now().time_since_epoch())
+                          .count();
+  return CloudCard::json(
+      daemonID, cloudKey_.publicKey().raw(), now,
+      [this](ByteView m) { return sign(m); },
+      [this](ByteView m) { return signPQ(m); });
+}
+
+nlohmann::json Identity::cardOffer() {
+  nlohmann::json card = nlohmann::json::parse(cloudCard(), nullptr, false);
+  if (!card.is_object())
+    throw ServiceError::internalFailure("the card did not encode");
+  card["ok"] = true;
+  return card;
+}
 
 }  // namespace tolvanger::service

@@ -18,6 +18,7 @@
 #define TOLVANGER_SERVICE_IDENTITY_H_
 
 #include <mutex>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -71,6 +72,14 @@ class Identity {
   Bytes signPQ(ByteView data);
 
   const crypto::XWingPrivateKey& cloudKey() const { return cloudKey_; }
+
+  // The signed card that publishes the cloud key: compact JSON with both
+  // signatures over "tolvanger-cloud-card|<daemonID>|<key>|<now>". Throws
+  // IdentityError if the signing keys cannot be had.
+  std::string cloudCard();
+  // The card as a JSON object with "ok": true, as the card route answers.
+  // Throws ServiceError "the card did not encode" if it does not parse back.
+  nlohmann::json cardOffer();
 
   // The daemon id, copied in once from the configuration when the service is
   // composed; read without a lock afterwards.
