@@ -39,6 +39,7 @@ struct Fixture {
 
   Fixture() {
     tolvanger::testing::runService(home, {"init", "--quiet"});
+    tolvanger::testing::useFreePort(home);
     tolvanger::service::Devices devices{tolvanger::service::Home(home)};
     tolvanger::service::Device phone;
     phone.deviceID = "phone-1";

@@ -2,7 +2,8 @@
 # Sets the machine up, builds everything and runs every test: the formatting
 # check, the suite in an optimised build, a check that each executable carries
 # exactly one OpenSSL, and the suite again under AddressSanitizer and
-# UndefinedBehaviorSanitizer.
+# UndefinedBehaviorSanitizer, and the threaded parts once more under
+# ThreadSanitizer.
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 bootstrap
 
@@ -40,3 +41,11 @@ cmake --build "$ROOT/build-asan" -j "$JOBS"
 (cd "$ROOT/build-asan" &&
   ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
     ctest --output-on-failure -j "$JOBS")
+
+step "build and test the threaded parts under ThreadSanitizer"
+configure "$ROOT/build-tsan" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTOLVANGER_SANITIZE=thread \
+  -DTOLVANGER_BENCH=OFF -DTOLVANGER_FUZZ=OFF
+cmake --build "$ROOT/build-tsan" -j "$JOBS" --target tolvanger_service_tests functional_tests
+(cd "$ROOT/build-tsan" &&
+  TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+    ctest --output-on-failure -j "$JOBS" -R '^(tolvanger_service_tests|functional_tests)$')

@@ -17,6 +17,7 @@
 #include <utility>
 
 #include "tolvanger/kit/bytes.h"
+#include "tolvanger/kit/crypto/digest.h"
 #include "tolvanger/kit/service_error.h"
 #include "tolvanger/kit/text.h"
 
@@ -407,6 +408,7 @@ void HTTPServer::serve(Peer* peer, int fd) {
     writeAll(fd, formatHTTPResponse(*answer));
     linger(fd);
   }
+  crypto::releaseThreadState();
   std::lock_guard<std::mutex> lock(mu_);
   ::close(fd);
   peer->fd = -1;

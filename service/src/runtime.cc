@@ -17,7 +17,11 @@ std::string joined(const std::vector<std::string>& items, const char* sep) {
 
 Runtime::Runtime(Home home, std::optional<Config> config)
     : service_(std::make_unique<Service>(std::move(home), std::move(config))) {
-  addresses_ = service_->config.listen;
+  routes_ = std::make_unique<Routes>(*service_);
+  addresses_ = LocalAddress::resolve(service_->config.listen);
+  http_ = std::make_unique<HTTPServer>(
+      routes_->handler(), addresses_,
+      static_cast<int>(service_->config.listenPort));
   service_->setListenAddresses(addresses_);
   socketPath_ = service_->home.file("tolvanger.sock");
   agents_ = std::make_unique<AgentSocket>(*service_, socketPath_);
@@ -28,6 +32,12 @@ Runtime::~Runtime() { stop(); }
 void Runtime::start() {
   if (running_) return;
   agents_->start();
+  try {
+    http_->start();
+  } catch (...) {
+    agents_->stop();
+    throw;
+  }
   running_ = true;
   const Config& config = service_->config;
   service_->journal.write("started", {{"socket", socketPath_},
@@ -39,6 +49,7 @@ void Runtime::start() {
 void Runtime::stop() {
   if (!running_) return;
   running_ = false;
+  http_->stop();
   agents_->stop();
   service_->credentials.scrubAll();
   service_->journal.write("stopped", {});

@@ -15,6 +15,8 @@
 #include <iterator>
 #include <thread>
 
+#include "tolvanger/service/http_server.h"
+
 namespace tolvanger::testing {
 
 namespace fs = std::filesystem;
@@ -134,6 +136,16 @@ int runService(const std::string& home, const std::vector<std::string>& args,
   if (out) *out = outText;
   if (err) *err = errText;
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+int useFreePort(const std::string& home) {
+  const std::string path = home + "/config.json";
+  nlohmann::json config = nlohmann::json::parse(readFile(path));
+  const int port = service::FreePort::pick(20000 + (::getpid() % 20000), 200);
+  config["listen_port"] = port;
+  config["listen"] = nlohmann::json::array({"127.0.0.1"});
+  std::ofstream(path) << config.dump(2);
+  return port;
 }
 
 SocketClient::SocketClient(const std::string& path) {

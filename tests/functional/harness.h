@@ -33,6 +33,10 @@ std::string readFile(const std::string& path);
 // Every regular file below `dir`, recursively.
 std::vector<std::string> filesBelow(const std::string& dir);
 
+// Points the home's config.json at a free port on 127.0.0.1 only, so tests
+// never collide with a running service or with each other. Returns the port.
+int useFreePort(const std::string& home);
+
 // The real service executable, run as `serve --quiet` with TOLVANGER_HOME set.
 class ServiceProcess {
  public:

@@ -14,6 +14,8 @@
 #include "tolvanger/service/agent_socket.h"
 #include "tolvanger/service/config.h"
 #include "tolvanger/service/home.h"
+#include "tolvanger/service/http_server.h"
+#include "tolvanger/service/routes.h"
 #include "tolvanger/service/service.h"
 
 namespace tolvanger::service {
@@ -27,8 +29,9 @@ class Runtime {
   Runtime(const Runtime&) = delete;
   Runtime& operator=(const Runtime&) = delete;
 
-  // Opens the listeners and writes `started`. Throws ServiceError if one
-  // cannot be opened; whatever had opened is closed again.
+  // Opens the agent socket, then the phone's HTTP listener, and writes
+  // `started`. Throws ServiceError if one cannot be opened; whatever had
+  // opened is closed again.
   void start();
   // Closes everything, scrubs what is held and writes `stopped`. Idempotent.
   void stop();
@@ -39,6 +42,8 @@ class Runtime {
 
  private:
   std::unique_ptr<Service> service_;
+  std::unique_ptr<Routes> routes_;
+  std::unique_ptr<HTTPServer> http_;
   std::string socketPath_;
   std::unique_ptr<AgentSocket> agents_;
   std::vector<std::string> addresses_;
