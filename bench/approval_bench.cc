@@ -26,7 +26,12 @@ struct World {
   crypto::MLDSA65PrivateKey pq = crypto::MLDSA65PrivateKey::generate();
 
   World() {
-    service = std::make_unique<Service>(Home(dir.file("home")));
+    // Decided requests leave memory at the next sweep, so the store holds the
+    // handful of requests a person deals with at a time rather than every
+    // request of the run (each operation sweeps the whole store).
+    Config config = Config::defaults();
+    config.redeemGraceSeconds = -3601;
+    service = std::make_unique<Service>(Home(dir.file("home")), config);
     Device phone;
     phone.deviceID = "phone-1";
     phone.name = "Bench Phone";
@@ -95,12 +100,16 @@ void BM_ServiceApprove(benchmark::State& state) {
 BENCHMARK(BM_ServiceApprove)->Unit(benchmark::kMicrosecond);
 
 void BM_BareVerifyAndOpen(benchmark::State& state) {
+  // The same preparation between iterations as above, so both run with the
+  // caches in the same state.
   World& w = world();
-  const World::Ready r = w.prepare();
   const auto spki = crypto::P256PublicKey::fromDER(w.key.publicKey().der());
   const auto pqKey = crypto::MLDSA65PublicKey::fromRaw(w.pq.publicKey().raw());
-  const CloudEnvelope envelope = CloudEnvelope::from(r.envelope);
   for (auto _ : state) {
+    state.PauseTiming();
+    const World::Ready r = w.prepare();
+    const CloudEnvelope envelope = CloudEnvelope::from(r.envelope);
+    state.ResumeTiming();
     benchmark::DoNotOptimize(spki->verify(asBytes(r.bound), r.sig));
     benchmark::DoNotOptimize(pqKey->verify(asBytes(r.bound), r.sigPQ));
     benchmark::DoNotOptimize(

@@ -106,7 +106,8 @@ StoredRequest Service::raise(const std::string& operation, Fields fields,
 }
 
 bool Service::isCredentialKind(std::string_view kind) {
-  return kind == "bearer" || kind == "api_key" || kind == "basic" || kind == "cookie";
+  return kind == "bearer" || kind == "api_key" || kind == "basic" ||
+         kind == "cookie";
 }
 
 StoredRequest Service::approve(const Approval& a) {
@@ -122,7 +123,9 @@ StoredRequest Service::approve(const Approval& a) {
     throw ServiceError::refused("that request has expired");
   }
   const auto device = devices.device(a.deviceID);
-  const auto key = device ? device->publicKey() : std::nullopt;
+  const DeviceKeys::Parsed keys =
+      device ? deviceKeys_.of(*device) : DeviceKeys::Parsed{};
+  const auto& key = keys.key;
   if (!key) throw ServiceError::refused("that device is not paired here");
   if (!constantTimeEqual(request.digest, a.digest)) {
     throw ServiceError::refused("that is not this request's digest");
@@ -131,11 +134,12 @@ StoredRequest Service::approve(const Approval& a) {
   const std::string bound = binding(request);
   const auto signature = fromBase64(a.signatureBase64);
   if (!signature || !key->verify(asBytes(bound), *signature)) {
-    journal.write("refused",
-                  {{"request", request.id}, {"device", a.deviceID}, {"why", "signature"}});
+    journal.write("refused", {{"request", request.id},
+                              {"device", a.deviceID},
+                              {"why", "signature"}});
     throw ServiceError::refused("that signature is not this device's");
   }
-  if (const auto pqKey = device->pqPublicKey()) {
+  if (const auto& pqKey = keys.pq) {
     const auto pqSignature =
         a.pqSignatureBase64 ? fromBase64(*a.pqSignatureBase64) : std::nullopt;
     if (!pqSignature || !pqKey->verify(asBytes(bound), *pqSignature)) {
@@ -156,18 +160,20 @@ StoredRequest Service::approve(const Approval& a) {
 
   // The decision. `opened` wipes its value when it goes out of scope, on
   // this path and every other.
-  StoredRequest decided = store.decide(request.id, RequestState::kApproved, a.deviceID);
+  StoredRequest decided =
+      store.decide(request.id, RequestState::kApproved, a.deviceID);
   if (opened) {
-    credentials.put(decided.id, opened->name, opened->kind, opened->value.reveal(),
-                    opened->expiry, a.deviceID);
+    credentials.put(decided.id, opened->name, opened->kind,
+                    opened->value.reveal(), opened->expiry, a.deviceID);
     opened->value.wipe();
   }
   chain.answered(decided.id, a.road, a.stamps);
-  journal.write("approved", {{"request", decided.id},
-                             {"device", a.deviceID},
-                             {"road", a.road},
-                             {"credential", opened ? opened->name : std::string("-")},
-                             {"client", clientOf(decided)}});
+  journal.write("approved",
+                {{"request", decided.id},
+                 {"device", a.deviceID},
+                 {"road", a.road},
+                 {"credential", opened ? opened->name : std::string("-")},
+                 {"client", clientOf(decided)}});
   events.emit(json{{"event", "decided"},
                    {"request_id", decided.id},
                    {"state", "approved"},
@@ -194,17 +200,20 @@ OpenedCredential Service::openCredential(const json& envelopeObject,
   } catch (const std::exception&) {
     throw ServiceError::refused("the credential did not open");
   }
-  if (!offer.is_object()) throw ServiceError::refused("the credential did not open");
+  if (!offer.is_object())
+    throw ServiceError::refused("the credential did not open");
   const auto text = [&](const char* k) -> const SecretString* {
     const auto it = offer.find(k);
-    return it != offer.end() && it->is_string() ? &it->get_ref<const SecretString&>()
-                                                : nullptr;
+    return it != offer.end() && it->is_string()
+               ? &it->get_ref<const SecretString&>()
+               : nullptr;
   };
   const auto integer = [&](const char* k) -> std::optional<int64_t> {
     const auto it = offer.find(k);
     if (it == offer.end()) return std::nullopt;
     if (it->is_number_unsigned()) {
-      return static_cast<int64_t>(std::min<uint64_t>(it->get<uint64_t>(), INT64_MAX));
+      return static_cast<int64_t>(
+          std::min<uint64_t>(it->get<uint64_t>(), INT64_MAX));
     }
     if (it->is_number_integer()) return it->get<int64_t>();
     return std::nullopt;
@@ -224,12 +233,14 @@ OpenedCredential Service::openCredential(const json& envelopeObject,
   }
   const SecretString* kind = text("kind");
   if (kind == nullptr || !isCredentialKind(std::string_view(*kind))) {
-    throw ServiceError::refused("that credential's kind is not one this Mac knows");
+    throw ServiceError::refused(
+        "that credential's kind is not one this Mac knows");
   }
   OpenedCredential out{std::string(*name), std::string(*kind),
-                       SecretBytes(asBytes(std::string_view(*value))), std::nullopt,
-                       std::nullopt};
-  if (const auto hold = integer("hold_seconds"); hold && *hold >= 1) out.hold = hold;
+                       SecretBytes(asBytes(std::string_view(*value))),
+                       std::nullopt, std::nullopt};
+  if (const auto hold = integer("hold_seconds"); hold && *hold >= 1)
+    out.hold = hold;
   out.expiry = integer("expires_at");
   return out;
 }

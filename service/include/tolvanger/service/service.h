@@ -24,6 +24,7 @@
 #include "tolvanger/service/chain.h"
 #include "tolvanger/service/config.h"
 #include "tolvanger/service/credentials.h"
+#include "tolvanger/service/device_keys.h"
 #include "tolvanger/service/devices.h"
 #include "tolvanger/service/events.h"
 #include "tolvanger/service/home.h"
@@ -159,6 +160,8 @@ class Service {
   Callers callers;
 
  private:
+  DeviceKeys deviceKeys_;
+
   OpenedCredential openCredential(const nlohmann::json& envelope,
                                   const StoredRequest& request);
 
