@@ -174,9 +174,8 @@ std::optional<PairURL> PairURL::parse(std::string_view text, std::string* why) {
       }
       bool known = false;
       for (std::string_view n : kNames) known = known || n == *name;
-      if (known && !items.emplace(std::move(*name), std::move(*value)).second) {
-        return fail(why, "the pair link gives a parameter twice");
-      }
+      // Of two items of one name the later one stands.
+      if (known) items[std::move(*name)] = std::move(*value);
     }
     if (amp == std::string_view::npos) break;
     query.remove_prefix(amp + 1);

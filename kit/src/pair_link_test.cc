@@ -46,6 +46,10 @@ TEST(PairLinkTest, AcceptsWhatTheLinkMayVaryIn) {
   ASSERT_TRUE(upper);
   EXPECT_EQ(upper->token, "7BE04A91C2D35f68a1e7c90b4d26f3e1");
 
+  // Of two items of one name the later one stands.
+  auto later = PairURL::parse(with("p=8646", "p=1&p=8646"));
+  EXPECT_EQ(later, kURL);
+
   auto noHost = PairURL::parse(with("h=192.168.100.36", "h="));
   ASSERT_TRUE(noHost);
   EXPECT_EQ(noHost->host, "");
@@ -72,7 +76,6 @@ TEST(PairLinkTest, RefusesMalformedLinksWithAReason) {
       with("7be04a91", "7be04a9"),
       with("7be04a91", "7be04a9g"),
       with("f=a1b2-c3d4-e5f6-0718", "f="),
-      kLink + "&p=8647",
       kLink + "#x",
       with("192.168", "192%2"),
       with("192.168", "19 2.168"),
