@@ -260,7 +260,8 @@ json AgentSession::dispatch(const std::string& op, const json& line,
   }
   if (op == "pair.open") {
     const auto host = textAt(line, "host");
-    return service_.pairing.open(host ? *host : service_.pairingHost()).toJSON();
+    return service_.pairing.open(host ? *host : service_.pairingHost())
+        .toJSON();
   }
   if (op == "pair.status") return service_.pairing.status();
   if (op == "pair.cancel") {

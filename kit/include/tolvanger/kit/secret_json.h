@@ -11,10 +11,9 @@
 #include <cstddef>
 #include <map>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
-
-#include <nlohmann/json.hpp>
 
 namespace tolvanger {
 
@@ -41,9 +40,11 @@ void WipingAllocator<T>::deallocate(T* p, size_t n) noexcept {
   std::allocator<T>().deallocate(p, n);
 }
 
-using SecretString = std::basic_string<char, std::char_traits<char>, WipingAllocator<char>>;
-using SecretJson = nlohmann::basic_json<std::map, std::vector, SecretString, bool, std::int64_t,
-                                        std::uint64_t, double, WipingAllocator>;
+using SecretString =
+    std::basic_string<char, std::char_traits<char>, WipingAllocator<char>>;
+using SecretJson =
+    nlohmann::basic_json<std::map, std::vector, SecretString, bool,
+                         std::int64_t, std::uint64_t, double, WipingAllocator>;
 
 }  // namespace tolvanger
 

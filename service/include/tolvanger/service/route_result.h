@@ -6,9 +6,8 @@
 #define TOLVANGER_SERVICE_ROUTE_RESULT_H_
 
 #include <functional>
-#include <string_view>
-
 #include <nlohmann/json.hpp>
+#include <string_view>
 
 namespace tolvanger::service {
 
@@ -19,9 +18,8 @@ struct RouteResult {
 
 // Handles one request: method, path (with any query) and body bytes. Must be
 // safe to call from many connection threads at once and must not throw.
-using RouteHandler =
-    std::function<RouteResult(std::string_view method, std::string_view path,
-                              std::string_view body)>;
+using RouteHandler = std::function<RouteResult(
+    std::string_view method, std::string_view path, std::string_view body)>;
 
 }  // namespace tolvanger::service
 
