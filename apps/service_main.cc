@@ -96,10 +96,15 @@ int serve(const std::vector<std::string_view>& args) {
   Runtime runtime(Home::standard());
   runtime.start();
   if (!quiet) {
+    const auto& service = runtime.service();
     std::printf("tolvanger-service is running\n  home:   %s\n  socket: %s\n",
-                runtime.service().home.path().c_str(),
-                runtime.socketPath().c_str());
-    std::printf("stop it with Ctrl-C\n");
+                service.home.path().c_str(), runtime.socketPath().c_str());
+    for (const auto& address : runtime.addresses()) {
+      std::printf("  phone:  http://%s:%lld\n", address.c_str(),
+                  static_cast<long long>(service.config.listenPort));
+    }
+    std::printf(
+        "pair a phone with `tolvanger-service pair`; stop with Ctrl-C\n");
     std::fflush(stdout);
   }
   int sig = 0;
