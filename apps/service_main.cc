@@ -41,7 +41,9 @@ constexpr const char* kUsage =
     "\n"
     "commands:\n"
     "  init [--quiet]    make the home, its config.json and the keys\n"
-    "  serve [--quiet]   run the service until interrupted\n"
+    "  serve [--quiet] [--test-ca FILE]\n"
+    "                    run the service until interrupted; --test-ca makes\n"
+    "                    brokered calls trust only the CA in FILE (for tests)\n"
     "  pair              open a pairing window and show its link as a QR code\n"
     "  status [--json]   show what the running service reports\n"
     "\n"
@@ -94,6 +96,14 @@ int serve(const std::vector<std::string_view>& args) {
   signal(SIGPIPE, SIG_IGN);
 
   Runtime runtime(Home::standard());
+  // Only a test names a CA of its own; without the flag the system's store
+  // is the only one trusted.
+  for (size_t i = 0; i + 1 < args.size(); ++i) {
+    if (args[i] == "--test-ca") {
+      runtime.service().setUpstream(
+          tolvanger::service::UpstreamSettings{std::string(args[i + 1])});
+    }
+  }
   runtime.start();
   if (!quiet) {
     const auto& service = runtime.service();

@@ -8,6 +8,7 @@
 #include <iterator>
 #include <thread>
 
+#include "testing/paired_phone.h"
 #include "tolvanger/kit/cloud_seal.h"
 #include "tolvanger/kit/crypto/mldsa65.h"
 #include "tolvanger/kit/crypto/p256.h"
@@ -22,65 +23,6 @@ namespace {
 
 using nlohmann::json;
 namespace fs = std::filesystem;
-
-class TempHome {
- public:
-  TempHome() {
-    std::string tmpl = (fs::temp_directory_path() / "approval-XXXXXX").string();
-    path = ::mkdtemp(tmpl.data());
-  }
-  ~TempHome() { fs::remove_all(path); }
-  std::string path;
-};
-
-// A phone made of software keys.
-struct Phone {
-  std::string id = "phone-1";
-  crypto::P256PrivateKey key = crypto::P256PrivateKey::generate();
-  crypto::MLDSA65PrivateKey pq = crypto::MLDSA65PrivateKey::generate();
-  crypto::XWingPrivateKey cloud = crypto::XWingPrivateKey::generate();
-  std::string secret;
-
-  // Pairs through the window as the pair routes would drive it.
-  void pair(Service& service) {
-    const PairOpened opened = service.pairing.open(std::string("127.0.0.1"));
-    const auto link = PairURL::parse(opened.url);
-    ASSERT_TRUE(link.has_value());
-    const json offered = service.pairing.offer(
-        json{{"token", link->token},
-             {"device_id", id},
-             {"name", "Test Phone"},
-             {"public_key", toBase64(key.publicKey().der())},
-             {"public_key_pq", toBase64(pq.publicKey().raw())},
-             {"cloud_public_key", toBase64(cloud.publicKey().raw())}});
-    ASSERT_EQ(offered["ok"], true) << offered;
-    const std::string code = service.pairing.status()["code"];
-    const PairResult result =
-        service.pairing.confirm(json{{"token", link->token}, {"code", code}});
-    secret = result.device.secret;
-  }
-
-  Approval approve(Service& service, const StoredRequest& r) const {
-    const std::string bound = service.binding(r);
-    Approval a;
-    a.requestID = r.id;
-    a.deviceID = id;
-    a.digest = r.digest;
-    a.signatureBase64 = toBase64(key.sign(asBytes(bound)));
-    a.pqSignatureBase64 = toBase64(pq.sign(asBytes(bound)));
-    a.road = "lan";
-    return a;
-  }
-
-  static json credential(const Service& service, const std::string& requestID,
-                         json offer) {
-    const std::string text = offer.dump();
-    return CloudSeal::seal(asBytes(text),
-                           service.identity.cloudKey().publicKey(), "cred",
-                           requestID)
-        .asDictionary();
-  }
-};
 
 class ApprovalTest : public ::testing::Test {
  protected:

@@ -93,6 +93,7 @@ StoredRequest Service::raise(const std::string& operation, Fields fields,
   request.summary = Summary::of(operation, fields);
   request.fields = std::move(fields);
   request.credentialName = options.credentialName;
+  request.http = options.wire;
   request.profile = options.profile;
   request.agentProcess = options.agent;
   store.put(request);

@@ -20,6 +20,7 @@
 #include "tolvanger/kit/bytes.h"
 #include "tolvanger/kit/fields.h"
 #include "tolvanger/service/agent_process.h"
+#include "tolvanger/service/broker.h"
 #include "tolvanger/service/callers.h"
 #include "tolvanger/service/chain.h"
 #include "tolvanger/service/config.h"
@@ -46,6 +47,7 @@ struct RaiseOptions {
   std::optional<int64_t> ttlSeconds;
   std::optional<std::string> profile;
   std::optional<AgentProcess> agent;
+  std::optional<Wire> wire;  // the outgoing call of a brokered request
 };
 
 // A phone's answer of yes, as a road hands it over. The pointers may be null
@@ -130,6 +132,22 @@ class Service {
   Announced announce(const nlohmann::json& secrets, std::optional<int64_t> seq,
                      const std::string& deviceID);
 
+  // Spends an approval together with its credential: the request turns taken
+  // and the credential leaves the registry; journal line "spent". Throws the
+  // store's refusal, or kCredentialGone when no credential is held (the
+  // request stays taken: a lost credential means a new approval).
+  Spent spendCredential(const std::string& requestID);
+
+  // Files a request for the person to sign in to `site` on the phone, the
+  // session to be kept under `secret` (or the site's host). The arguments are
+  // the raw JSON values an agent sent, any of them null. Throws
+  // ServiceError::refused with the sign-in's sentences or raise's.
+  StoredRequest askSignIn(const nlohmann::json& site,
+                          const nlohmann::json& secret,
+                          const nlohmann::json& reason,
+                          const std::string& agent,
+                          const std::optional<std::string>& client);
+
   // True when a released credential waits in memory for this request.
   bool credentialWaiting(const std::string& requestID);
   // True when the cloud road is up and connected, so phones are rung.
@@ -141,6 +159,10 @@ class Service {
   std::string pairingHost() const;
 
   void setListenAddresses(std::vector<std::string> addresses);
+
+  // How brokered calls go out. Set once, before any listener starts.
+  void setUpstream(UpstreamSettings settings) { upstream_ = std::move(settings); }
+  const UpstreamSettings& upstream() const { return upstream_; }
   const std::vector<std::string>& listenAddresses() const {
     return listenAddresses_;
   }
@@ -166,6 +188,7 @@ class Service {
                                   const StoredRequest& request);
 
   std::vector<std::string> listenAddresses_;
+  UpstreamSettings upstream_;
 };
 
 }  // namespace tolvanger::service

@@ -29,6 +29,7 @@
 #include "tolvanger/kit/thread_annotations.h"
 #include "tolvanger/service/agent_process.h"
 #include "tolvanger/service/home.h"
+#include "tolvanger/service/wire.h"
 
 namespace tolvanger::service {
 
@@ -59,6 +60,7 @@ struct StoredRequest {
   std::optional<std::string> deviceID;  // the phone that answered
   std::optional<int64_t> decidedAt;     // whole seconds since 1970
   std::optional<std::string> credentialName;
+  std::optional<Wire> http;                  // the call, for a brokered request
   std::optional<std::string> notice;         // the behaviour check's warning
   std::optional<std::string> profile;        // a behaviour profile offered
   std::optional<AgentProcess> agentProcess;  // the process that raised it

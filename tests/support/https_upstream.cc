@@ -1,0 +1,1 @@
+#include "https_upstream.h"
