@@ -5,10 +5,6 @@
 // rebuilt into those fields again right before the call goes out. Nothing on
 // the way normalises it: the path is kept percent-encoded as written.
 //
-// `Url` splits an absolute URL into its parts as written. It never decodes,
-// re-encodes, lower-cases or resolves anything; it only refuses what it cannot
-// split.
-//
 // Thread safety: plain values and pure functions; no shared state.
 #ifndef TOLVANGER_SERVICE_WIRE_H_
 #define TOLVANGER_SERVICE_WIRE_H_
@@ -19,25 +15,9 @@
 #include <string>
 #include <string_view>
 
+#include "tolvanger/kit/url.h"
+
 namespace tolvanger::service {
-
-// An absolute URL split into its parts, each as written.
-struct Url {
-  std::string scheme;  // as written; the caller lower-cases
-  std::optional<std::string> user;
-  std::optional<std::string> password;
-  std::string host;  // as written, brackets kept for an IPv6 literal
-  std::optional<int> port;
-  std::string path;  // percent-encoded, possibly empty
-  std::optional<std::string> query;
-  std::optional<std::string> fragment;
-
-  // Splits `text` as scheme "://" authority path ["?" query] ["#" fragment].
-  // Nothing when it has no scheme or no "//" authority, an empty host, a port
-  // that is not 1 to 65535 in decimal, or a malformed percent escape. Blanks
-  // and control characters are left in place for the caller to judge.
-  static std::optional<Url> parse(std::string_view text);
-};
 
 struct Wire {
   std::string method;  // upper-case
