@@ -110,4 +110,24 @@ std::vector<char32_t> scalars(std::string_view utf8) {
   return out;
 }
 
+void appendUTF8(std::string& out, char32_t scalar) {
+  if (scalar > 0x10FFFF || (scalar >= 0xD800 && scalar <= 0xDFFF)) {
+    scalar = U'\uFFFD';
+  }
+  uint8_t buffer[U8_MAX_LENGTH];
+  int32_t length = 0;
+  // The buffer always has room and the scalar is valid, so it cannot fail.
+  U8_APPEND_UNSAFE(buffer, length, static_cast<UChar32>(scalar));
+  out.append(reinterpret_cast<const char*>(buffer),
+             static_cast<size_t>(length));
+}
+
+std::string repaired(std::string_view bytes) {
+  if (isValidUTF8(bytes)) return std::string(bytes);
+  std::string out;
+  out.reserve(bytes.size() + 8);
+  for (char32_t c : scalars(bytes)) appendUTF8(out, c);
+  return out;
+}
+
 }  // namespace tolvanger::Text

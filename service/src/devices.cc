@@ -104,25 +104,6 @@ class FieldReader {
   bool ok_ = true;
 };
 
-// Appends one Unicode scalar to `out` as UTF-8.
-void appendUTF8(std::string& out, char32_t c) {
-  if (c < 0x80) {
-    out += static_cast<char>(c);
-  } else if (c < 0x800) {
-    out += static_cast<char>(0xC0 | (c >> 6));
-    out += static_cast<char>(0x80 | (c & 0x3F));
-  } else if (c < 0x10000) {
-    out += static_cast<char>(0xE0 | (c >> 12));
-    out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-    out += static_cast<char>(0x80 | (c & 0x3F));
-  } else {
-    out += static_cast<char>(0xF0 | (c >> 18));
-    out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
-    out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-    out += static_cast<char>(0x80 | (c & 0x3F));
-  }
-}
-
 }  // namespace
 
 // ---- Device ----------------------------------------------------------------
@@ -330,7 +311,7 @@ std::string normalise(std::string_view code) {
   for (char32_t c : scalars) {
     if (c == U'-' || u_isUWhiteSpace(static_cast<UChar32>(c))) continue;
     if (c >= U'A' && c <= U'Z') c = c - U'A' + U'a';
-    appendUTF8(out, c);
+    Text::appendUTF8(out, c);
   }
   wipe(scalars.data(), scalars.size() * sizeof(char32_t));
   return out;

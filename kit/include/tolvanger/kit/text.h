@@ -31,6 +31,13 @@ bool longerThan(std::string_view utf8, size_t n);
 // The text's Unicode scalars. Invalid sequences give U+FFFD.
 std::vector<char32_t> scalars(std::string_view utf8);
 
+// Appends the UTF-8 form of a scalar; a surrogate or a value above U+10FFFF
+// appends U+FFFD.
+void appendUTF8(std::string& out, char32_t scalar);
+
+// The bytes as UTF-8, each invalid sequence replaced by U+FFFD.
+std::string repaired(std::string_view bytes);
+
 }  // namespace tolvanger::Text
 
 #endif  // TOLVANGER_KIT_TEXT_H_
