@@ -75,7 +75,9 @@ StoredRequest Service::raise(const std::string& operation, Fields fields,
   StoredRequest request;
   request.operation = operation;
   request.issuedAt = now;
-  request.expiresAt = now + config.window(options.ttlSeconds);
+  request.expiresAt =
+      now + (options.fixedLifetime ? *options.fixedLifetime
+                                   : config.window(options.ttlSeconds));
   request.id = store.mint();
   try {
     request.canonical =

@@ -44,7 +44,10 @@ inline constexpr std::string_view kBindingVersion = "tolvanger-v1";
 // What `raise` may be given besides the operation and its fields.
 struct RaiseOptions {
   std::optional<std::string> credentialName;
-  std::optional<int64_t> ttlSeconds;
+  std::optional<int64_t> ttlSeconds;  // asked for; clamped by the config
+  // A lifetime fixed by the operation itself, used as it stands in place of
+  // `ttlSeconds` (a sign-in always has ten minutes).
+  std::optional<int64_t> fixedLifetime;
   std::optional<std::string> profile;
   std::optional<AgentProcess> agent;
   std::optional<Wire> wire;  // the outgoing call of a brokered request
@@ -161,7 +164,9 @@ class Service {
   void setListenAddresses(std::vector<std::string> addresses);
 
   // How brokered calls go out. Set once, before any listener starts.
-  void setUpstream(UpstreamSettings settings) { upstream_ = std::move(settings); }
+  void setUpstream(UpstreamSettings settings) {
+    upstream_ = std::move(settings);
+  }
   const UpstreamSettings& upstream() const { return upstream_; }
   const std::vector<std::string>& listenAddresses() const {
     return listenAddresses_;
