@@ -52,4 +52,11 @@ void Nudges::clear() {
   held_.reset();
 }
 
+bool Nudges::clearIf(std::string_view id) {
+  std::lock_guard<std::mutex> lock(mu_);
+  if (!held_ || held_->id != id) return false;
+  held_.reset();
+  return true;
+}
+
 }  // namespace tolvanger::service

@@ -83,6 +83,9 @@ TEST(Nudges, RefusesUnknownKindsAndExpires) {
   now = 1100;
   const Nudge second = nudges.raise("secret");
   EXPECT_NE(second.id, first.id);
+  // Seeing the replaced nudge does not clear the one raised after it.
+  EXPECT_FALSE(nudges.clearIf(first.id));
+  EXPECT_EQ(nudges.current(), second);
   now = 1399;
   EXPECT_EQ(nudges.current(), second);
   now = 1400;

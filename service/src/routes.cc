@@ -444,9 +444,7 @@ RouteResult Routes::nudgeSeen(const json& body,
   const std::string* id = text(body, "id");
   if (id == nullptr) return failure(400, "no nudge named");
   // A stale id leaves the held nudge alone.
-  if (const auto nudge = service_.nudges.current(); nudge && nudge->id == *id) {
-    service_.nudges.clear();
-  }
+  service_.nudges.clearIf(*id);
   return success(json{{"ok", true}});
 }
 

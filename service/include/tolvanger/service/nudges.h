@@ -62,6 +62,11 @@ class Nudges {
   // Drops the held nudge, if any.
   void clear() EXCLUDES(mu_);
 
+  // Drops the held nudge only when its id is `id`, in one step, so a phone
+  // that saw an older nudge never clears one raised after it. True when it
+  // dropped one.
+  bool clearIf(std::string_view id) EXCLUDES(mu_);
+
  private:
   const int64_t window_;
   const Clock now_;
