@@ -4,7 +4,11 @@
 #   2. builds OpenSSL 3.5 and curl (static, curl against that OpenSSL) from the
 #      next Debian release's source packages into a versioned cache outside the
 #      tree, and reuses that cache when it is already complete.
-# Prints the cache prefix on its last line. Safe to run any number of times.
+#   3. installs the official MCP TypeScript SDK from the npm registry into the
+#      same cache, for the end-to-end test that drives the MCP server with a
+#      real client.
+# Prints "mcp-sdk: <dir>" and then the cache prefix on its last line. Safe to
+# run any number of times.
 set -euo pipefail
 
 # Bump when the configure flags below change, so an old cache is not reused.
@@ -134,5 +138,23 @@ build_deps() {
   printf '%s\n' "$prefix"
 }
 
+readonly MCP_SDK_VERSION=1.32.2
+
+install_mcp_sdk() {
+  local dir="$CACHE_ROOT/mcp-sdk-$MCP_SDK_VERSION"
+  if [ ! -f "$dir/node_modules/@modelcontextprotocol/sdk/package.json" ]; then
+    log "installing @modelcontextprotocol/sdk@$MCP_SDK_VERSION from the npm registry"
+    mkdir -p "$CACHE_ROOT"
+    local work
+    work=$(mktemp -d "$CACHE_ROOT/npm.XXXXXX")
+    (cd "$work" && npm install --no-audit --no-fund --ignore-scripts --loglevel=error \
+      "@modelcontextprotocol/sdk@$MCP_SDK_VERSION" >&2)
+    rm -rf "$dir"
+    mv "$work" "$dir"
+  fi
+  printf 'mcp-sdk: %s\n' "$dir"
+}
+
 install_packages
+install_mcp_sdk
 build_deps

@@ -5,13 +5,17 @@ ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 JOBS=${JOBS:-$(nproc)}
 
 bootstrap() {
-  DEPS_PREFIX=$(bash "$ROOT/scripts/bootstrap.sh" | tail -n 1)
-  export DEPS_PREFIX
+  local out
+  out=$(bash "$ROOT/scripts/bootstrap.sh")
+  DEPS_PREFIX=$(tail -n 1 <<<"$out")
+  MCP_SDK_DIR=$(sed -n 's/^mcp-sdk: //p' <<<"$out")
+  export DEPS_PREFIX MCP_SDK_DIR
 }
 
 # configure <build dir> [cmake args...]
 configure() {
   local dir=$1
   shift
-  cmake -S "$ROOT" -B "$dir" -G Ninja -DTOLVANGER_DEPS_PREFIX="$DEPS_PREFIX" "$@" >/dev/null
+  cmake -S "$ROOT" -B "$dir" -G Ninja -DTOLVANGER_DEPS_PREFIX="$DEPS_PREFIX" \
+    -DTOLVANGER_MCP_SDK_DIR="$MCP_SDK_DIR" "$@" >/dev/null
 }
