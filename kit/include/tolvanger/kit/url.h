@@ -26,9 +26,14 @@ struct Url {
   std::optional<std::string> fragment;
 
   // Splits `text` as scheme "://" authority path ["?" query] ["#" fragment].
-  // Nothing when it has no scheme or no "//" authority, an empty host, a port
-  // that is not 1 to 65535 in decimal, or a malformed percent escape. Blanks
-  // and control characters are left in place for the caller to judge.
+  // Nothing when it has no scheme or no "//" authority; a host that is
+  // neither letters, digits, "-", ".", "_" and "~" nor a bracketed IPv6
+  // literal (escapes and zone identifiers included); a port that is not 1 to
+  // 65535 in decimal without a leading zero, or is empty; more than one "@"
+  // or a user part with characters a user part may not hold; or a "%" in the
+  // user part, path or query without two hexadecimal digits after it. Blanks,
+  // control characters and bytes beyond ASCII in the path and query are left
+  // in place for the caller to judge.
   static std::optional<Url> parse(std::string_view text);
 };
 

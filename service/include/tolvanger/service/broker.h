@@ -73,7 +73,9 @@ nlohmann::json request(Service& service, const Ask& ask);
 
 // Builds the `Wire` from a request object, refusing what cannot be shown
 // exactly as it would be sent. `called` names the operation in sentences
-// ("http.request" for a plain call). Throws ServiceError::refused.
+// ("http.request" for a plain call). The method only has to be text here;
+// whether it may be sent is for `Pins::allow` to say. Throws
+// ServiceError::refused.
 Wire check(const nlohmann::json& request, const std::string& secret,
            const Pins& pins, std::string_view called);
 
@@ -102,7 +104,8 @@ nlohmann::json perform(Service& service, const std::string& requestID);
 // One outgoing call with `headers` (empty values are not sent). Gives the
 // reply's status, headers, truncated, body and, for 3xx, redirected. Throws
 // ServiceError::refused when the call does not complete.
-nlohmann::json send(const Wire& wire, const std::vector<OutgoingHeader>& headers,
+nlohmann::json send(const Wire& wire,
+                    const std::vector<OutgoingHeader>& headers,
                     const UpstreamSettings& settings);
 
 }  // namespace Broker

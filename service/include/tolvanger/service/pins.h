@@ -31,7 +31,7 @@ struct Pins {
   std::vector<AccessRule> rules;     // when not empty, they decide
   std::string scheme = "https";
   std::string authKind = "header";
-  std::string header;    // lower-case, the header the broker fills
+  std::string header;  // lower-case, the header the broker fills
   std::string templ;   // the header's value, "{value}" for the credential
 
   static constexpr std::string_view defaultKind = "bearer";
@@ -51,10 +51,13 @@ struct Pins {
   // when `wire` falls outside these pins; returns when it is inside.
   void allow(const Wire& wire, std::string_view called) const;
 
-  // The header's name and its value with the credential in it, as UTF-8
-  // bytes (invalid sequences in `value` repaired). The value holds the
-  // secret, in a buffer that wipes itself. Throws ServiceError::refused when the template wants something
-  // else, or the result is empty or holds a control character.
+  // The header's name and its value: the template with the credential's
+  // bytes read as UTF-8 (invalid sequences repaired with U+FFFD) in place of
+  // "{value}"; a "{" with no "}" after it stands as written. The value holds
+  // the secret, in a buffer that wipes itself; every other copy made on the
+  // way is wiped. Throws ServiceError::refused when the pins attach no
+  // header, the template wants another placeholder, or the result is empty
+  // or holds a control character.
   std::pair<std::string, SecretBytes> attach(ByteView value) const;
 
   // hosts, methods, paths, scheme, auth, header, and rules when not empty.
