@@ -34,6 +34,8 @@ class HTTPSUpstream {
     std::string body;
   };
 
+  // An answer. The server writes Content-Length itself (none for 1xx, 204
+  // and 304), and no body for HEAD.
   struct Reply {
     int status = 200;
     std::vector<std::pair<std::string, std::string>> headers;

@@ -1,0 +1,238 @@
+// The brokered call end to end: a request raised through the broker, approved
+// by a software phone with a credential, and performed against a local HTTPS
+// server that trusts nothing but its own CA.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+
+#include "https_upstream.h"
+#include "testing/paired_phone.h"
+#include "tolvanger/kit/service_error.h"
+#include "tolvanger/service/broker.h"
+#include "tolvanger/service/service.h"
+
+namespace tolvanger::service {
+namespace {
+
+using nlohmann::json;
+using tolvanger::testing::HTTPSUpstream;
+namespace fs = std::filesystem;
+
+constexpr const char* kToken = "tok-5f1c9e2a7b";
+
+class BrokerPerformTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    caFile = scratch.path + "/ca.pem";
+    upstream.writeCA(caFile);
+    service = std::make_unique<Service>(Home(home.path));
+    service->setUpstream(UpstreamSettings{caFile});
+    phone.pair(*service);
+    pinTo({upstream.netloc()});
+  }
+
+  void pinTo(std::vector<std::string> hosts) {
+    service->secrets.replace({SecretName{"api", "bearer", std::move(hosts)}});
+  }
+
+  std::string url(const std::string& path) const {
+    return "https://" + upstream.netloc() + path;
+  }
+
+  // Raises a brokered request and gives its id.
+  std::string raise(json request) {
+    request["secret"] = "api";
+    Broker::Ask ask;
+    ask.request = std::move(request);
+    ask.agent = "test";
+    ask.client = "claude";
+    return Broker::request(*service, ask)["request_id"];
+  }
+
+  // Raises, approves with the credential, and gives the id.
+  std::string approved(json request) {
+    const std::string id = raise(std::move(request));
+    json envelope;
+    service->approve(phone.approveWith(*service, *service->store.get(id),
+                                       "bearer", kToken, envelope));
+    return id;
+  }
+
+  json get(const std::string& path) {
+    return Broker::perform(*service,
+                           approved({{"method", "GET"}, {"url", url(path)}}));
+  }
+
+  std::string refusal(const std::string& id) {
+    try {
+      Broker::perform(*service, id);
+    } catch (const ServiceError& e) {
+      return e.what();
+    }
+    return "(performed)";
+  }
+
+  bool stillApproved(const std::string& id) {
+    return service->store.get(id)->state == RequestState::kApproved &&
+           service->credentialWaiting(id);
+  }
+
+  TempHome home;
+  TempHome scratch;
+  std::string caFile;
+  HTTPSUpstream upstream;
+  std::unique_ptr<Service> service;
+  Phone phone;
+};
+
+TEST_F(BrokerPerformTest, SendsTheApprovedCallOnceWithTheCredential) {
+  const std::string id =
+      approved({{"method", "POST"},
+                {"url", url("/v1/caf%C3%A9?q=a%20b")},
+                {"headers", {{"X-Trace", "7"}, {"Authorization", ""}}},
+                {"body", "hello"}});
+  const json reply = Broker::perform(*service, id);
+  EXPECT_EQ(reply["ok"], true);
+  EXPECT_EQ(reply["request_id"], id);
+  EXPECT_EQ(reply["device_id"], phone.id);
+  EXPECT_EQ(reply["status"], 200);
+  EXPECT_EQ(reply["body"], R"({"ok":true})");
+  EXPECT_EQ(reply["truncated"], false);
+  EXPECT_FALSE(reply.contains("redirected"));
+  EXPECT_EQ(reply["headers"]["content-type"], "application/json");
+
+  ASSERT_EQ(upstream.received().size(), 1u);
+  const HTTPSUpstream::Received got = upstream.received()[0];
+  EXPECT_EQ(got.method, "POST");
+  EXPECT_EQ(got.target, "/v1/caf%C3%A9?q=a%20b");
+  EXPECT_EQ(got.body, "hello");
+  EXPECT_EQ(got.headers.at("authorization"), std::string("Bearer ") + kToken);
+  EXPECT_EQ(got.headers.at("x-trace"), "7");
+  // Nothing the person did not see: no defaults of the client library.
+  for (const char* added : {"accept", "content-type", "expect", "cookie"}) {
+    EXPECT_FALSE(got.headers.contains(added)) << added;
+  }
+
+  // The approval is spent: a second perform never reaches the upstream.
+  EXPECT_EQ(refusal(id), "that approval was already spent");
+  EXPECT_EQ(upstream.received().size(), 1u);
+
+  const std::vector<std::string> lines = service->journal.tail(50);
+  const auto has = [&](const std::string& text) {
+    for (const auto& line : lines) {
+      if (line.find(text) != std::string::npos) return true;
+    }
+    return false;
+  };
+  EXPECT_TRUE(has(" spent client=claude credential=api request=" + id));
+  EXPECT_TRUE(
+      has(" performed operation=http.request request=" + id + " status=200"));
+  for (const auto& entry : fs::recursive_directory_iterator(home.path)) {
+    if (!entry.is_regular_file()) continue;
+    std::ifstream in(entry.path(), std::ios::binary);
+    const std::string content(std::istreambuf_iterator<char>(in), {});
+    EXPECT_EQ(content.find(kToken), std::string::npos) << entry.path();
+  }
+}
+
+TEST_F(BrokerPerformTest, RefusesWhatIsNotAnApprovedBrokeredRequest) {
+  EXPECT_EQ(refusal("r0000000000000000"), "no request under that id");
+
+  const std::string pending = raise({{"method", "GET"}, {"url", url("/")}});
+  EXPECT_EQ(refusal(pending), "that request is pending");
+
+  const StoredRequest gate = service->raise("deploy", Fields{});
+  EXPECT_EQ(refusal(gate.id),
+            "that approval was not for a brokered request \u2014 gate-mode "
+            "approvals are redeemed, not performed");
+  EXPECT_TRUE(upstream.received().empty());
+}
+
+TEST_F(BrokerPerformTest, TheBodyIsCappedAndTheCapIsReported) {
+  const json whole = get("/bytes/262144");
+  EXPECT_EQ(whole["truncated"], false);
+  EXPECT_EQ(whole["body"].get<std::string>().size(), 262144u);
+
+  const json cut = get("/bytes/262145");
+  EXPECT_EQ(cut["ok"], true);
+  EXPECT_EQ(cut["truncated"], true);
+  EXPECT_EQ(cut["body"].get<std::string>(), std::string(262144, 'a'));
+}
+
+TEST_F(BrokerPerformTest, AnswersComeBackAsTheyAreWithoutCookies) {
+  // Followed, the redirect would fail on a host that does not resolve.
+  const json moved = get("/redirect");
+  EXPECT_EQ(moved["status"], 302);
+  EXPECT_EQ(moved["redirected"], true);
+  EXPECT_EQ(moved["headers"]["location"], "https://elsewhere.example/");
+
+  const json cookies = get("/cookie");
+  EXPECT_EQ(cookies["status"], 200);
+  for (const auto& [name, value] : cookies["headers"].items()) {
+    EXPECT_NE(name.rfind("set-cookie", 0), 0u) << name;
+  }
+  EXPECT_TRUE(cookies["headers"].contains("content-type"));
+
+  const json failed = get("/status/500");
+  EXPECT_EQ(failed["ok"], true);
+  EXPECT_EQ(failed["status"], 500);
+  EXPECT_FALSE(failed.contains("redirected"));
+  EXPECT_EQ(upstream.received().size(), 3u);
+}
+
+TEST_F(BrokerPerformTest, AStoredWireChangedAfterSigningNeverGoesOut) {
+  const std::string id = approved({{"method", "GET"}, {"url", url("/a")}});
+  const StoredRequest original = *service->store.get(id);
+  StoredRequest changed = original;
+  changed.http->path = "/b";
+  service->store.put(changed);
+  EXPECT_EQ(refusal(id), "the stored request is not the one that was signed");
+  changed = original;
+  changed.http->headers["x-extra"] = "1";
+  service->store.put(changed);
+  EXPECT_EQ(refusal(id), "the stored request is not the one that was signed");
+  EXPECT_TRUE(upstream.received().empty());
+  ASSERT_TRUE(stillApproved(id));
+
+  // Nothing was spent: the untouched request still performs.
+  service->store.put(original);
+  EXPECT_EQ(Broker::perform(*service, id)["status"], 200);
+}
+
+TEST_F(BrokerPerformTest, PinsRemovedAfterApprovalWin) {
+  const std::string id = approved({{"method", "GET"}, {"url", url("/")}});
+  pinTo({"elsewhere.example"});
+  EXPECT_EQ(refusal(id).rfind("the api credential may only reach", 0), 0u);
+  pinTo({});
+  EXPECT_EQ(refusal(id).rfind("nothing says where api may be sent", 0), 0u);
+  EXPECT_TRUE(upstream.received().empty());
+  EXPECT_TRUE(stillApproved(id));
+}
+
+TEST_F(BrokerPerformTest, ACredentialGoneLeavesTheApprovalSpent) {
+  const std::string id = approved({{"method", "GET"}, {"url", url("/")}});
+  service->credentials.discard(id);
+  EXPECT_EQ(refusal(id), kCredentialGone);
+  EXPECT_EQ(refusal(id), "that approval was already spent");
+  EXPECT_TRUE(upstream.received().empty());
+}
+
+TEST_F(BrokerPerformTest, AnUntrustedServerFailsAndSpendsTheApproval) {
+  service->setUpstream(UpstreamSettings{});
+  const std::string id = approved({{"method", "GET"}, {"url", url("/")}});
+  const std::string sentence = refusal(id);
+  EXPECT_EQ(
+      sentence.rfind("the upstream call did not complete (curl error ", 0), 0u)
+      << sentence;
+  EXPECT_TRUE(sentence.ends_with(
+      ") \u2014 the approval is spent, so a retry needs a new one"))
+      << sentence;
+  EXPECT_TRUE(upstream.received().empty());
+  EXPECT_FALSE(service->credentialWaiting(id));
+  EXPECT_EQ(refusal(id), "that approval was already spent");
+}
+
+}  // namespace
+}  // namespace tolvanger::service
