@@ -1,6 +1,10 @@
 // tolvanger-phone: a software phone, for development and for people without
 // the phone app. It pairs with a Mac, lists and shows what waits, approves
 // and denies, and announces its list of secrets; its keys live in software.
+// It has no browser: approving a sign-in to a site takes the session's cookie
+// header from standard input, checks it, and announces the session as a
+// secret of kind cookie. Like any value, the header is never kept here; it is
+// asked for again when a request needs it.
 //
 //   tolvanger-phone [--clear] pair <link> [--name NAME]
 //   tolvanger-phone [--clear] pending
@@ -12,11 +16,11 @@
 //   tolvanger-phone secrets list
 //
 // Every call but pairing goes sealed through POST /v1/sealed unless --clear
-// is given (for a Mac whose require_sealed is off). Picks, confirmations and
-// credential values come from standard input, one line each, so a script can
-// pipe them; a credential value is never taken from the command line. A
-// failure is one sentence on standard error and exit status 1 (2 for a
-// mistake in the command line).
+// is given (for a Mac whose require_sealed is off). Picks, confirmations,
+// credential values and cookie headers come from standard input, one line
+// each, so a script can pipe them; a credential value is never taken from the
+// command line. A failure is one sentence on standard error and exit status 1
+// (2 for a mistake in the command line).
 //
 // The home is $TOLVANGER_PHONE_HOME, else "$XDG_DATA_HOME/Tolvanger Phone",
 // else ~/.local/share/tolvanger-phone, mode 0700. It holds the signer's keys
@@ -53,6 +57,7 @@
 #include "tolvanger/kit/random.h"
 #include "tolvanger/kit/sealed_road.h"
 #include "tolvanger/kit/secret_json.h"
+#include "tolvanger/kit/sign_in.h"
 #include "tolvanger/kit/signer.h"
 #include "tolvanger/port/memory.h"
 #include "tolvanger/port/system.h"
@@ -74,14 +79,17 @@ constexpr const char* kUsage =
     "  pending                        list what waits: id, title, sentence\n"
     "  show <id>                      show a request as the phone reads it\n"
     "  approve <id> [--hold SECONDS]  approve it; type \"approve\" to confirm\n"
+    "                                 (a sign-in then asks for the site's\n"
+    "                                 cookie header)\n"
     "  deny <id>                      deny it\n"
     "  secrets add <name> [--kind bearer|basic|api_key|cookie] --host H "
     "[--host H2 ...]\n"
     "  secrets remove <name>\n"
     "  secrets list\n"
     "\n"
-    "Picks, confirmations and credential values are read from standard\n"
-    "input, one line each. --clear talks to the Mac without the sealed road,\n"
+    "Picks, confirmations, credential values and cookie headers are read\n"
+    "from standard input, one line each; values and cookie headers are never\n"
+    "kept here. --clear talks to the Mac without the sealed road,\n"
     "for a Mac whose require_sealed is off. The home is $TOLVANGER_PHONE_HOME\n"
     "if set.\n";
 
@@ -422,6 +430,9 @@ struct SecretEntry {
   std::string name;
   std::string kind;
   std::vector<std::string> hosts;
+  // For a site session: when it was signed in, and the browser that did it.
+  std::optional<int64_t> signedInAt;
+  std::optional<std::string> userAgent;
 };
 
 struct SecretList {
@@ -431,7 +442,10 @@ struct SecretList {
   json announcement() const {
     json list = json::array();
     for (const SecretEntry& e : entries) {
-      list.push_back({{"name", e.name}, {"kind", e.kind}, {"hosts", e.hosts}});
+      json item = {{"name", e.name}, {"kind", e.kind}, {"hosts", e.hosts}};
+      if (e.signedInAt) item["signed_in_at"] = *e.signedInAt;
+      if (e.userAgent) item["user_agent"] = *e.userAgent;
+      list.push_back(std::move(item));
     }
     return list;
   }
@@ -453,7 +467,12 @@ SecretList loadSecrets(const std::string& home) {
     const std::string* name = tolvanger::PhoneJSON::text(item, "name");
     const std::string* kind = tolvanger::PhoneJSON::text(item, "kind");
     if (name == nullptr || kind == nullptr) continue;
-    SecretEntry entry{*name, *kind, {}};
+    SecretEntry entry{*name, *kind, {}, std::nullopt, std::nullopt};
+    entry.signedInAt = tolvanger::PhoneJSON::integer(item, "signed_in_at");
+    if (const std::string* agent =
+            tolvanger::PhoneJSON::text(item, "user_agent")) {
+      entry.userAgent = *agent;
+    }
     if (const auto hosts = item.find("hosts");
         hosts != item.end() && hosts->is_array()) {
       for (const json& host : *hosts) {
@@ -739,6 +758,44 @@ int show(const Options& options, std::vector<std::string> args) {
   return 0;
 }
 
+void announce(const Options& options, const std::string& home,
+              SecretList& list);
+
+// Checks a pasted cookie header without keeping it: no control character,
+// and at least one name=value pair. Throws a Refusal that names `host`.
+void checkCookieHeader(ByteView header, const std::string& host) {
+  if (header.empty()) {
+    throw Refusal("No cookie header was given for " + host +
+                  ", so nothing was signed.");
+  }
+  if (std::any_of(header.begin(), header.end(),
+                  [](uint8_t c) { return c < 0x20 || c == 0x7F; })) {
+    throw Refusal("The cookie header for " + host +
+                  " has control characters in it, so nothing was signed.");
+  }
+  // A pair is a piece between ";" with a name before its "=".
+  bool pair = false;
+  size_t start = 0;
+  while (!pair && start <= header.size()) {
+    size_t end = start;
+    while (end < header.size() && header[end] != ';') ++end;
+    size_t first = start;
+    while (first < end && header[first] == ' ') ++first;
+    for (size_t at = first; at < end; ++at) {
+      if (header[at] == '=') {
+        pair = at > first;
+        break;
+      }
+    }
+    start = end + 1;
+  }
+  if (!pair) {
+    throw Refusal("That is not a cookie header for " + host +
+                  ": it needs at least one name=value pair, so nothing was "
+                  "signed.");
+  }
+}
+
 int approve(const Options& options, std::vector<std::string> args) {
   std::optional<int64_t> hold;
   if (const std::optional<std::string> text = takeOption(args, "--hold")) {
@@ -760,6 +817,22 @@ int approve(const Options& options, std::vector<std::string> args) {
   const tolvanger::TolvangerRequest request = connection.request(args[0]);
   printRequest(request);
   std::fflush(stdout);
+  const std::optional<tolvanger::SignInAsk> ask = request.signIn();
+  if (!ask && request.operation == tolvanger::SignIn::kOperation) {
+    throw Refusal(
+        "This sign-in names no usable https address or name to keep it "
+        "under, so this phone cannot act on it.");
+  }
+  SecretList list;
+  if (ask) {
+    list = loadSecrets(home);
+    for (const SecretEntry& entry : list.entries) {
+      if (entry.name == ask->secret && entry.kind != "cookie") {
+        throw Refusal("This phone already holds " + ask->secret + " as a " +
+                      entry.kind + " secret, so nothing was signed.");
+      }
+    }
+  }
   prompt("Type approve to sign this request: ");
   const std::optional<std::string> confirmation = readLine();
   if (!confirmation || trimBlanks(*confirmation) != "approve") {
@@ -768,8 +841,16 @@ int approve(const Options& options, std::vector<std::string> args) {
         "approve.");
   }
 
+  if (ask) {
+    prompt("Paste the cookie header for " + ask->host + ": ");
+    const SecretBytes header = readSecretLine();
+    checkCookieHeader(header.reveal(), ask->host);
+  }
+
+  // No credential goes with a sign-in: the session is announced instead.
   std::optional<tolvanger::CredentialOffer> offer;
-  if (const std::optional<std::string> name = request.credentialName()) {
+  if (const std::optional<std::string> name = request.credentialName();
+      name && !ask) {
     std::string kind = "bearer";
     for (const SecretEntry& entry : loadSecrets(home).entries) {
       if (entry.name == *name) kind = entry.kind;
@@ -797,6 +878,22 @@ int approve(const Options& options, std::vector<std::string> args) {
     std::printf("%s may be used again for %lld seconds.\n",
                 request.credentialName().value_or("The credential").c_str(),
                 static_cast<long long>(*left));
+  }
+  if (ask) {
+    std::erase_if(list.entries,
+                  [&](const SecretEntry& e) { return e.name == ask->secret; });
+    list.entries.push_back(SecretEntry{
+        ask->secret, "cookie", {ask->host}, nowSeconds(), "tolvanger-phone"});
+    std::sort(list.entries.begin(), list.entries.end(),
+              [](const SecretEntry& a, const SecretEntry& b) {
+                return a.name < b.name;
+              });
+    announce(options, home, list);
+    std::printf(
+        "The session for %s is announced as %s. This phone keeps no cookies, "
+        "so it will ask for the cookie header again when a request needs "
+        "it.\n",
+        ask->host.c_str(), ask->secret.c_str());
   }
   return 0;
 }

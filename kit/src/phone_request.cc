@@ -391,6 +391,20 @@ std::optional<std::string> TolvangerRequest::credentialName() const {
 
 json TolvangerRequest::payload() const { return json::parse(payloadJSON); }
 
+std::optional<SignInAsk> TolvangerRequest::signIn() const {
+  if (operation != SignIn::kOperation) return std::nullopt;
+  const json fields = json::parse(payloadJSON, nullptr, false);
+  if (!fields.is_object()) return std::nullopt;
+  const std::string* site = textAt(fields, "site");
+  const std::string* secret = textAt(fields, "secret");
+  if (site == nullptr || secret == nullptr || !SignIn::isName(*secret)) {
+    return std::nullopt;
+  }
+  std::optional<std::string> host = SignIn::host(*site);
+  if (!host) return std::nullopt;
+  return SignInAsk{*site, std::move(*host), *secret};
+}
+
 std::string TolvangerRequest::subject() const { return summary; }
 
 std::string TolvangerRequest::headline() const {

@@ -362,5 +362,28 @@ TEST(PhoneRequestTest, LabelsAndShowsFields) {
   EXPECT_EQ(PlainRequest::asker("zed"), "Zed");
 }
 
+TEST(PhoneRequestTest, ActsOnlyOnAUsableSignIn) {
+  const json good = {{"site", "https://Example.com/login"},
+                     {"secret", "example.com"},
+                     {"reason", "read my orders"}};
+  EXPECT_EQ(
+      read(payloadFor("site.signin", good)).signIn(),
+      (SignInAsk{"https://Example.com/login", "example.com", "example.com"}));
+
+  json otherPort = good;
+  otherPort["site"] = "https://example.com:8443/";
+  json upperName = good;
+  upperName["secret"] = "Example";
+  json listSite = good;
+  listSite["site"] = json::array({"https://example.com/"});
+  json noSecret = good;
+  noSecret.erase("secret");
+  for (const json& fields : {otherPort, upperName, listSite, noSecret}) {
+    EXPECT_EQ(read(payloadFor("site.signin", fields)).signIn(), std::nullopt)
+        << fields;
+  }
+  EXPECT_EQ(read(payloadFor("tolvanger.test", good)).signIn(), std::nullopt);
+}
+
 }  // namespace
 }  // namespace tolvanger

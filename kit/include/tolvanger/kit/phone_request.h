@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "tolvanger/kit/bytes.h"
+#include "tolvanger/kit/sign_in.h"
 
 namespace tolvanger {
 
@@ -161,6 +162,11 @@ class TolvangerRequest {
   std::optional<std::string> credentialName() const;
   // payloadJSON parsed back into an object.
   nlohmann::json payload() const;
+  // What a sign-in asks for: present only when the operation is a sign-in,
+  // the `site` field is text that SignIn::host accepts and the `secret` field
+  // is a name by SignIn::isName. Anything else is an ordinary request the
+  // phone cannot act on as a sign-in.
+  std::optional<SignInAsk> signIn() const;
 
   // The notice of `payload` when it is a one-line text that is not blank and
   // `notice_sig` is Base64 of a DER ECDSA signature by `pinnedSPKI` over
