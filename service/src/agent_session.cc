@@ -11,6 +11,7 @@
 #include "tolvanger/kit/ids.h"
 #include "tolvanger/kit/service_error.h"
 #include "tolvanger/kit/text.h"
+#include "tolvanger/service/broker.h"
 #include "tolvanger/service/service.h"
 
 namespace tolvanger::service {
@@ -27,7 +28,6 @@ const std::set<std::string, std::less<>> kAdminOps = {
 // Ops of the protocol that this build does not serve yet: they are refused
 // with a sentence, never faked.
 const std::set<std::string, std::less<>> kNotYetOps = {
-    "proxy.request",    "proxy.perform",  "signin.request",
     "tripwire.observe", "tripwire.offer", "tripwire.install"};
 
 json failure(const std::string& sentence) {
@@ -181,7 +181,35 @@ json AgentSession::dispatch(const std::string& op, const json& line,
     json names = json::array();
     for (const auto& name : service_.secrets.all())
       names.push_back(name.asDictionary());
-    return json{{"ok", true}, {"secrets", std::move(names)}};
+    return json{{"ok", true},
+                {"secrets", std::move(names)},
+                {"credentials", Broker::credentials(service_)}};
+  }
+  if (op == "proxy.request") {
+    Broker::Ask ask;
+    ask.operation = textAt(line, "operation");
+    const auto request = line.find("request");
+    ask.request = request == line.end() ? json() : *request;
+    ask.reason = textAt(line, "reason");
+    ask.ttlSeconds = integerAt(line, "ttl_s");
+    ask.agent = process_.empty() ? "-" : process_;
+    ask.client = client;
+    ask.process = agentProcess_;
+    return Broker::request(service_, ask);
+  }
+  if (op == "proxy.perform") return Broker::perform(service_, requiredID(line));
+  if (op == "signin.request") {
+    const auto given = [&](const char* key) {
+      const auto it = line.find(key);
+      return it == line.end() ? json() : *it;
+    };
+    const StoredRequest asked =
+        service_.askSignIn(given("site"), given("secret"), given("reason"),
+                           process_.empty() ? "-" : process_, client);
+    // The reply names the credential the phone will keep the session under.
+    json reply = service_.openedReply(asked);
+    reply["secret"] = asked.fields.text("secret").value_or("");
+    return reply;
   }
   if (op == "request") {
     const auto operation = textAt(line, "operation");
@@ -198,6 +226,12 @@ json AgentSession::dispatch(const std::string& op, const json& line,
   if (op == "poll") return poll(line);
   if (op == "redeem") {
     const std::string id = requiredID(line);
+    // A brokered approval is spent only by the call it authorises.
+    if (const auto stored = service_.store.get(id); stored && stored->http) {
+      throw ServiceError::refused(
+          "that approval carries a credential \u2014 perform the request it "
+          "authorises");
+    }
     const StoredRequest taken = service_.store.take(id);
     service_.journal.write("redeemed",
                            {{"request", id}, {"client", client.value_or("-")}});
