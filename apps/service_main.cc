@@ -4,6 +4,7 @@
 //   tolvanger-service serve [--quiet]  run until SIGINT or SIGTERM
 //   tolvanger-service pair             open a pairing window, show its QR code
 //   tolvanger-service status [--json]  what the running service reports
+//   tolvanger-service mcp --client ID  the MCP server, for an agent client
 //
 // The home is $TOLVANGER_HOME when set, else the platform's default.
 #include <signal.h>
@@ -23,9 +24,11 @@
 #include "tolvanger/service/admin.h"
 #include "tolvanger/service/config.h"
 #include "tolvanger/service/home.h"
+#include "tolvanger/service/mcp_server.h"
 #include "tolvanger/service/qr.h"
 #include "tolvanger/service/runtime.h"
 #include "tolvanger/service/service.h"
+#include "tolvanger/service/socket_gate.h"
 
 namespace {
 
@@ -46,6 +49,8 @@ constexpr const char* kUsage =
     "                    brokered calls trust only the CA in FILE (for tests)\n"
     "  pair              open a pairing window and show its link as a QR code\n"
     "  status [--json]   show what the running service reports\n"
+    "  mcp --client NAME speak MCP on standard input and output for an agent\n"
+    "                    client called NAME, until the input ends\n"
     "\n"
     "The home is $TOLVANGER_HOME if set.\n";
 
@@ -187,6 +192,19 @@ int status(const std::vector<std::string_view>& args) {
   return 0;
 }
 
+// Standard output carries the protocol alone; failures go to standard error.
+int mcp(const std::vector<std::string_view>& args) {
+  std::string client;
+  for (size_t i = 0; i + 1 < args.size(); ++i) {
+    if (args[i] == "--client") client = std::string(args[i + 1]);
+  }
+  // A client that goes away mid-answer must end the write, not the process.
+  signal(SIGPIPE, SIG_IGN);
+  tolvanger::service::SocketGate gate(Home::standard(), client);
+  tolvanger::service::MCPServer(gate).serve(0, 1);
+  return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -205,6 +223,7 @@ int main(int argc, char** argv) {
     if (command == "serve") return serve(rest);
     if (command == "pair") return pair(rest);
     if (command == "status") return status(rest);
+    if (command == "mcp") return mcp(rest);
   } catch (const std::exception& e) {
     return fail(e.what());
   }
