@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <regex>
 #include <thread>
 
 #include "tolvanger/service/http_server.h"
@@ -136,6 +137,137 @@ int runService(const std::string& home, const std::vector<std::string>& args,
   if (out) *out = outText;
   if (err) *err = errText;
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+Child::Child(std::vector<std::string> argv,
+             std::vector<std::pair<std::string, std::string>> env) {
+  int in[2], out[2], err[2];
+  if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0 ||
+      ::pipe2(err, O_CLOEXEC) != 0) {
+    std::abort();
+  }
+  pid_ = ::fork();
+  if (pid_ == 0) {
+    ::dup2(in[0], 0);
+    ::dup2(out[1], 1);
+    ::dup2(err[1], 2);
+    for (const auto& [key, value] : env)
+      ::setenv(key.c_str(), value.c_str(), 1);
+    std::vector<char*> args;
+    for (auto& a : argv) args.push_back(a.data());
+    args.push_back(nullptr);
+    ::execv(args[0], args.data());
+    ::_exit(127);
+  }
+  ::close(in[0]);
+  ::close(out[1]);
+  ::close(err[1]);
+  in_ = in[1];
+  out_ = std::thread([this, fd = out[0]] {
+    char buf[4096];
+    for (;;) {
+      const ssize_t n = ::read(fd, buf, sizeof(buf));
+      if (n < 0 && errno == EINTR) continue;
+      std::lock_guard<std::mutex> lock(mu_);
+      if (n <= 0) {
+        outEnded_ = true;
+        outChanged_.notify_all();
+        break;
+      }
+      ran_.out.append(buf, static_cast<size_t>(n));
+      outChanged_.notify_all();
+    }
+    ::close(fd);
+  });
+  err_ = std::thread([this, fd = err[0]] {
+    ran_.err = drain(fd);
+    ::close(fd);
+  });
+}
+
+Child::~Child() {
+  if (pid_ > 0) ::kill(pid_, SIGKILL);
+  wait(std::chrono::seconds(5));
+}
+
+bool Child::write(const std::string& bytes) {
+  size_t done = 0;
+  while (done < bytes.size()) {
+    const ssize_t n = ::write(in_, bytes.data() + done, bytes.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    done += static_cast<size_t>(n);
+  }
+  return true;
+}
+
+std::optional<std::string> Child::readLine(std::chrono::milliseconds limit) {
+  std::unique_lock<std::mutex> lock(mu_);
+  size_t nl = std::string::npos;
+  outChanged_.wait_for(lock, limit, [&] {
+    nl = ran_.out.find('\n', consumed_);
+    return nl != std::string::npos || outEnded_;
+  });
+  if (nl == std::string::npos) return std::nullopt;
+  std::string line = ran_.out.substr(consumed_, nl - consumed_);
+  consumed_ = nl + 1;
+  return line;
+}
+
+void Child::closeInput() {
+  if (in_ >= 0) ::close(in_);
+  in_ = -1;
+}
+
+Ran Child::wait(std::chrono::milliseconds limit) {
+  closeInput();
+  if (pid_ > 0) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    int status = 0;
+    while (::waitpid(pid_, &status, WNOHANG) == 0) {
+      if (std::chrono::steady_clock::now() >= deadline) {
+        ::kill(pid_, SIGKILL);
+        ::waitpid(pid_, &status, 0);
+        break;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    pid_ = -1;
+    ran_.status =
+        WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  }
+  if (out_.joinable()) out_.join();
+  if (err_.joinable()) err_.join();
+  std::lock_guard<std::mutex> lock(mu_);
+  return ran_;
+}
+
+Ran runPhone(const std::string& home, const std::vector<std::string>& args,
+             const std::string& input,
+             const std::function<std::string()>& beforeInput) {
+  std::vector<std::string> argv = {TOLVANGER_PHONE_BIN};
+  argv.insert(argv.end(), args.begin(), args.end());
+  Child child(argv, {{"TOLVANGER_PHONE_HOME", home}});
+  std::string text = input;
+  if (beforeInput) text = beforeInput() + text;
+  child.write(text);
+  return child.wait();
+}
+
+Ran pairPhone(SocketClient& admin, const std::string& phoneHome, int port) {
+  std::string url =
+      admin.call({{"op", "pair.open"}, {"host", "127.0.0.1"}})["url"];
+  url = std::regex_replace(url, std::regex("p=[0-9]+"),
+                           "p=" + std::to_string(port));
+  return runPhone(phoneHome, {"pair", url, "--name", "Test Phone"}, "", [&] {
+    for (int i = 0; i < 500; ++i) {
+      const nlohmann::json status = admin.call({{"op", "pair.status"}});
+      if (status["state"] == "offered")
+        return status["code"].get<std::string>() + "\n";
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return std::string("00\n");
+  });
 }
 
 int useFreePort(const std::string& home) {

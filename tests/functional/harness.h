@@ -7,9 +7,14 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
 namespace tolvanger::testing {
@@ -64,6 +69,60 @@ class ServiceProcess {
 // status and fills what it wrote.
 int runService(const std::string& home, const std::vector<std::string>& args,
                std::string* out = nullptr, std::string* err = nullptr);
+
+// What a program run to its end left: exit status and both outputs.
+struct Ran {
+  int status = -1;
+  std::string out, err;
+};
+
+// A program started with pipes on its three standard streams. Its output is
+// read from the start on threads of its own, so it never blocks on a full
+// pipe.
+class Child {
+ public:
+  // `env` is added to this process's environment for the child.
+  Child(std::vector<std::string> argv,
+        std::vector<std::pair<std::string, std::string>> env = {});
+  // Kills the child if it still runs.
+  ~Child();
+  Child(const Child&) = delete;
+  Child& operator=(const Child&) = delete;
+
+  bool write(const std::string& bytes);
+  void closeInput();
+  // The next line of standard output not read yet, without its line feed;
+  // nothing at the end of output or at `limit`.
+  std::optional<std::string> readLine(
+      std::chrono::milliseconds limit = std::chrono::seconds(30));
+  // Closes standard input and waits for the end; a child still running at
+  // `limit` is killed (status 128 + 9).
+  Ran wait(std::chrono::milliseconds limit = std::chrono::seconds(60));
+
+ private:
+  pid_t pid_ = -1;
+  int in_ = -1;
+  Ran ran_;
+  std::mutex mu_;  // guards ran_.out, consumed_ and outEnded_ while running
+  std::condition_variable outChanged_;
+  size_t consumed_ = 0;
+  bool outEnded_ = false;
+  std::thread out_, err_;
+};
+
+// Runs tolvanger-phone in `home`, feeding `input`. `beforeInput`, when given,
+// runs after the start and its text goes first (to learn what to type).
+Ran runPhone(const std::string& home, const std::vector<std::string>& args,
+             const std::string& input = "",
+             const std::function<std::string()>& beforeInput = nullptr);
+
+class SocketClient;
+
+// Pairs the phone in `phoneHome` with the service that `admin` (a connection
+// that said hello as admin) speaks to, through its window on 127.0.0.1.
+// `port` replaces the link's port (to put a proxy in between). Returns the
+// phone's run.
+Ran pairPhone(SocketClient& admin, const std::string& phoneHome, int port);
 
 // One connection to the agent socket.
 class SocketClient {

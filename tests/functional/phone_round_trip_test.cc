@@ -24,68 +24,6 @@ namespace {
 
 using nlohmann::json;
 
-struct Ran {
-  int status = -1;
-  std::string out, err;
-};
-
-// Runs tolvanger-phone with its home, feeding `input` on standard input.
-// `beforeInput`, if given, runs after the start and before the input is
-// written (to learn what to type).
-Ran phone(const std::string& home, std::vector<std::string> args,
-          const std::string& input = "",
-          const std::function<std::string()>& beforeInput = nullptr) {
-  int in[2], out[2], err[2];
-  if (::pipe(in) != 0 || ::pipe(out) != 0 || ::pipe(err) != 0) return {};
-  const pid_t pid = ::fork();
-  if (pid == 0) {
-    ::dup2(in[0], 0);
-    ::dup2(out[1], 1);
-    ::dup2(err[1], 2);
-    for (int fd : {in[1], out[0], err[0]}) ::close(fd);
-    ::setenv("TOLVANGER_PHONE_HOME", home.c_str(), 1);
-    std::vector<char*> argv;
-    std::string bin = TOLVANGER_PHONE_BIN;
-    argv.push_back(bin.data());
-    for (auto& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    ::execv(bin.c_str(), argv.data());
-    ::_exit(127);
-  }
-  ::close(in[0]);
-  ::close(out[1]);
-  ::close(err[1]);
-  Ran ran;
-  std::thread reader([&] {
-    char buf[4096];
-    struct pollfd fds[2] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
-    int open = 2;
-    while (open > 0 && ::poll(fds, 2, 30000) > 0) {
-      for (int i = 0; i < 2; ++i) {
-        if (fds[i].fd < 0 || !(fds[i].revents & (POLLIN | POLLHUP))) continue;
-        const ssize_t n = ::read(fds[i].fd, buf, sizeof(buf));
-        if (n <= 0) {
-          fds[i].fd = -1;
-          --open;
-        } else {
-          (i == 0 ? ran.out : ran.err).append(buf, static_cast<size_t>(n));
-        }
-      }
-    }
-  });
-  std::string text = input;
-  if (beforeInput) text = beforeInput() + text;
-  if (!text.empty()) (void)!::write(in[1], text.data(), text.size());
-  ::close(in[1]);
-  int status = 0;
-  ::waitpid(pid, &status, 0);
-  reader.join();
-  ::close(out[0]);
-  ::close(err[0]);
-  ran.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  return ran;
-}
-
 class PhoneRoundTrip : public ::testing::Test {
  protected:
   void start(bool sealed) {
@@ -104,23 +42,13 @@ class PhoneRoundTrip : public ::testing::Test {
     ASSERT_EQ(admin_->call({{"op", "hello"}, {"role", "admin"}})["ok"], true);
   }
 
-  // Pairs the phone through the window; `port` replaces the link's port.
   void pair(int port) {
-    std::string url =
-        admin_->call({{"op", "pair.open"}, {"host", "127.0.0.1"}})["url"];
-    url = std::regex_replace(url, std::regex("p=[0-9]+"),
-                             "p=" + std::to_string(port));
-    const Ran paired =
-        phone(phoneHome_, {"pair", url, "--name", "Test Phone"}, "", [&] {
-          for (int i = 0; i < 500; ++i) {
-            const json status = admin_->call({{"op", "pair.status"}});
-            if (status["state"] == "offered")
-              return status["code"].get<std::string>() + "\n";
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-          }
-          return std::string("00\n");
-        });
+    const Ran paired = pairPhone(*admin_, phoneHome_, port);
     ASSERT_EQ(paired.status, 0) << paired.err;
+  }
+  Ran phone(const std::string& home, std::vector<std::string> args,
+            const std::string& input = "") {
+    return runPhone(home, args, input);
   }
 
   TempDir dir_;

@@ -1,0 +1,244 @@
+// The brokered call from outside: the real service, the software phone
+// holding a secret pinned to a local HTTPS server with a CA of its own, an
+// agent on the real socket, and a real MCP client (the official TypeScript
+// SDK) driving `tolvanger-service mcp`.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "harness.h"
+#include "https_upstream.h"
+
+namespace tolvanger::testing {
+namespace {
+
+using nlohmann::json;
+namespace fs = std::filesystem;
+
+// The credential's value. It must reach the upstream and nothing else.
+const std::string kValue = "tv-e2e-5f1d0c9a7b3e4d21";
+
+class BrokeredCall : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    home_ = dir_.file("mac");
+    phoneHome_ = dir_.file("phone");
+    ASSERT_EQ(runService(home_, {"init", "--quiet"}), 0);
+    port_ = useFreePort(home_);
+    const std::string ca = dir_.file("ca.pem");
+    upstream_.writeCA(ca);
+    service_ = std::make_unique<ServiceProcess>(
+        home_, std::vector<std::string>{"serve", "--quiet", "--test-ca", ca});
+    ASSERT_TRUE(service_->waitForSocket());
+    admin_ = std::make_unique<SocketClient>(service_->socketPath());
+    ASSERT_EQ(admin_->call({{"op", "hello"}, {"role", "admin"}})["ok"], true);
+    const Ran paired = pairPhone(*admin_, phoneHome_, port_);
+    ASSERT_EQ(paired.status, 0) << paired.err;
+    const Ran added =
+        runPhone(phoneHome_, {"secrets", "add", "upstream", "--kind", "bearer",
+                              "--host", upstream_.netloc()});
+    ASSERT_EQ(added.status, 0) << added.err;
+  }
+
+  // The id of the oldest pending request, once there is one.
+  std::string nextPending() {
+    for (int i = 0; i < 1500; ++i) {
+      const json pending = admin_->call({{"op", "request.pending"}});
+      if (!pending["requests"].empty()) return pending["requests"][0]["id"];
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    ADD_FAILURE() << "no request came";
+    return "";
+  }
+
+  void approveWithValue(const std::string& id) {
+    const Ran approved =
+        runPhone(phoneHome_, {"approve", id}, "approve\n" + kValue + "\n");
+    ASSERT_EQ(approved.status, 0) << approved.err;
+  }
+
+  // Files an agent's brokered request and has the phone approve it.
+  std::string approvedRequest(SocketClient& agent, const std::string& path) {
+    const json opened =
+        agent.call({{"op", "proxy.request"},
+                    {"request",
+                     {{"secret", "upstream"},
+                      {"method", "GET"},
+                      {"url", "https://" + upstream_.netloc() + path}}}});
+    EXPECT_EQ(opened["ok"], true) << opened;
+    const std::string id = opened.value("request_id", "");
+    approveWithValue(id);
+    return id;
+  }
+
+  void expectValueInNoFile() {
+    for (const std::string& home : {home_, phoneHome_}) {
+      for (const std::string& file : filesBelow(home)) {
+        EXPECT_EQ(readFile(file).find(kValue), std::string::npos) << file;
+      }
+    }
+  }
+
+  HTTPSUpstream upstream_;
+  TempDir dir_;
+  std::string home_, phoneHome_;
+  int port_ = 0;
+  std::unique_ptr<ServiceProcess> service_;
+  std::unique_ptr<SocketClient> admin_;
+};
+
+TEST_F(BrokeredCall, AnMCPClientListsSendsWithTheCredentialAndHearsADenial) {
+  const std::string sdk = TOLVANGER_MCP_SDK_DIR;
+  ASSERT_TRUE(!sdk.empty() &&
+              fs::exists(sdk + "/node_modules/@modelcontextprotocol/sdk"))
+      << "the MCP SDK is missing; scripts/bootstrap.sh installs it and "
+         "scripts/test.sh passes its place to CMake";
+  // The client script runs beside the SDK's node_modules.
+  fs::create_directory_symlink(sdk + "/node_modules",
+                               dir_.file("node_modules"));
+  fs::copy_file(std::string(TOLVANGER_FUNCTIONAL_DIR) + "/mcp_client.mjs",
+                dir_.file("mcp_client.mjs"));
+  const std::string url = "https://" + upstream_.netloc() + "/v1/items?x=1";
+  const json calls = json::array(
+      {{{"name", "list_credentials"}, {"arguments", json::object()}},
+       {{"name", "authenticated_request"},
+        {"arguments",
+         {{"secret", "upstream"},
+          {"method", "POST"},
+          {"url", url},
+          {"headers", {{"content-type", "application/json"}}},
+          {"body", "{\"name\":\"kettle\"}"},
+          {"reason", "add the kettle to the list"}}}},
+       {{"name", "request_approval"},
+        {"arguments",
+         {{"operation", "deploy.prod"},
+          {"reason", "ship the release"},
+          {"fields", {{"target", "prod"}}}}}}});
+  Child client({"/usr/bin/env", "node", dir_.file("mcp_client.mjs"),
+                TOLVANGER_SERVICE_BIN, home_, calls.dump()});
+
+  const std::string sent = nextPending();
+  const Ran shown = runPhone(phoneHome_, {"show", sent});
+  EXPECT_NE(shown.out.find("/v1/items?x=1"), std::string::npos) << shown.out;
+  approveWithValue(sent);
+  // The request_approval call is raised only after the first one returned.
+  std::string asked;
+  for (int i = 0; i < 100 && (asked.empty() || asked == sent); ++i) {
+    asked = nextPending();
+  }
+  ASSERT_EQ(runPhone(phoneHome_, {"deny", asked}).status, 0);
+
+  const Ran ran = client.wait(std::chrono::seconds(120));
+  ASSERT_EQ(ran.status, 0) << ran.err;
+  const json out = json::parse(ran.out);
+  EXPECT_EQ(out["server"]["name"], "tolvanger");
+  ASSERT_EQ(out["tools"].size(), 4u);
+  EXPECT_EQ(out["tools"][0]["name"], "request_approval");
+  EXPECT_EQ(out["tools"][1]["name"], "authenticated_request");
+  EXPECT_EQ(out["tools"][2]["name"], "list_credentials");
+  EXPECT_EQ(out["tools"][3]["name"], "request_signin");
+  EXPECT_EQ(out["tools"][1]["inputSchema"]["required"],
+            json::array({"secret", "method", "url", "reason"}));
+
+  const json& listed = out["results"][0];
+  EXPECT_EQ(listed["isError"], false);
+  const json listing =
+      json::parse(listed["content"][0]["text"].get<std::string>());
+  EXPECT_EQ(listing["credentials"][0]["name"], "upstream");
+  EXPECT_EQ(listing["credentials"][0]["hosts"],
+            json::array({upstream_.netloc()}));
+
+  const json& performed = out["results"][1];
+  EXPECT_EQ(performed["isError"], false) << performed;
+  EXPECT_EQ(performed["content"][0]["text"], "upstream 200\n{\"ok\":true}");
+
+  const json& denied = out["results"][2];
+  EXPECT_EQ(denied["isError"], false);
+  // A denial is an answer, not an error, and reads with the summary the
+  // person saw.
+  EXPECT_EQ(denied["content"][0]["text"],
+            "denied \u2014 deploy.prod \u2014 ship the release")
+      << denied;
+
+  // Exactly one call reached the upstream, as approved, carrying the value
+  // the way the pin says.
+  const auto received = upstream_.received();
+  ASSERT_EQ(received.size(), 1u);
+  EXPECT_EQ(received[0].method, "POST");
+  EXPECT_EQ(received[0].target, "/v1/items?x=1");
+  EXPECT_EQ(received[0].headers.at("authorization"), "Bearer " + kValue);
+  EXPECT_EQ(received[0].headers.at("content-type"), "application/json");
+  EXPECT_EQ(received[0].body, "{\"name\":\"kettle\"}");
+
+  ASSERT_EQ(service_->stop(), 0);
+  EXPECT_EQ(ran.out.find(kValue), std::string::npos);
+  EXPECT_EQ(ran.err.find(kValue), std::string::npos);
+  expectValueInNoFile();
+  const std::string journal = readFile(home_ + "/journal.log");
+  EXPECT_NE(
+      journal.find(" spent client=claude credential=upstream request=" + sent),
+      std::string::npos)
+      << journal;
+  EXPECT_NE(journal.find(" performed operation=http.request request=" + sent +
+                         " status=200"),
+            std::string::npos)
+      << journal;
+}
+
+TEST_F(BrokeredCall, RefusalsFromOutsideLeaveNothingSentThatWasNotApproved) {
+  SocketClient agent(service_->socketPath());
+  agent.call({{"op", "hello"}, {"client", "claude"}});
+
+  // Somewhere the phone did not pin: refused before anything is filed.
+  const json elsewhere =
+      agent.call({{"op", "proxy.request"},
+                  {"request",
+                   {{"secret", "upstream"},
+                    {"method", "GET"},
+                    {"url", "https://elsewhere.example/"}}}});
+  EXPECT_EQ(elsewhere["ok"], false);
+  EXPECT_NE(elsewhere["error"].get<std::string>().find("may only reach"),
+            std::string::npos)
+      << elsewhere;
+
+  // A redirect comes back as it is, not followed; a second perform of the
+  // same approval is refused.
+  const std::string redirect = approvedRequest(agent, "/redirect");
+  const json moved = agent.call({{"op", "proxy.perform"}, {"id", redirect}});
+  EXPECT_EQ(moved["ok"], true) << moved;
+  EXPECT_EQ(moved["status"], 302);
+  EXPECT_EQ(moved["redirected"], true);
+  EXPECT_EQ(moved["headers"]["location"], "https://elsewhere.example/");
+  const json again = agent.call({{"op", "proxy.perform"}, {"id", redirect}});
+  EXPECT_EQ(again["ok"], false);
+  EXPECT_EQ(again["error"], "that approval was already spent");
+  EXPECT_EQ(agent.call({{"op", "redeem"}, {"id", redirect}})["ok"], false);
+
+  // A body over the cap is cut.
+  const std::string big = approvedRequest(agent, "/bytes/262145");
+  const json cut = agent.call({{"op", "proxy.perform"}, {"id", big}});
+  EXPECT_EQ(cut["truncated"], true);
+  EXPECT_EQ(cut["body"].get<std::string>().size(), 262144u);
+
+  // The phone unpins the host between approval and perform: the call is
+  // refused and the approval stays unspent.
+  const std::string unpinned = approvedRequest(agent, "/status/204");
+  ASSERT_EQ(runPhone(phoneHome_, {"secrets", "remove", "upstream"}).status, 0);
+  const json refused = agent.call({{"op", "proxy.perform"}, {"id", unpinned}});
+  EXPECT_EQ(refused["ok"], false);
+  EXPECT_EQ(refused["error"], "no credential called upstream");
+  EXPECT_EQ(agent.call({{"op", "poll"}, {"id", unpinned}})["state"],
+            "approved");
+
+  EXPECT_EQ(upstream_.received().size(), 2u);
+  ASSERT_EQ(service_->stop(), 0);
+  expectValueInNoFile();
+}
+
+}  // namespace
+}  // namespace tolvanger::testing
