@@ -79,7 +79,9 @@ std::string Store::mint() {
 void Store::put(StoredRequest request) {
   std::lock_guard lock(mu_);
   std::string id = request.id;
+  const int64_t due = dueLocked(request);
   requests_.insert_or_assign(std::move(id), std::move(request));
+  nextSweep_ = std::min(nextSweep_, due);
   sweepLocked(now_());
 }
 
@@ -119,13 +121,16 @@ StoredRequest Store::decide(std::string_view id, RequestState state,
   }
   if (request.hasExpired(now) && state != RequestState::kExpired) {
     request.state = RequestState::kExpired;
+    request.decidedAt = now;
     recordLocked(request.id);
+    nextSweep_ = std::min(nextSweep_, dueLocked(request));
     throw ServiceError::refused("that request has expired");
   }
   request.state = state;
   if (deviceID) request.deviceID = std::move(deviceID);
   request.decidedAt = now;
   recordLocked(request.id);
+  nextSweep_ = std::min(nextSweep_, dueLocked(request));
   return request;
 }
 
@@ -155,7 +160,20 @@ bool Store::wasDecided(std::string_view id) {
   return decided_.contains(id);
 }
 
+int64_t Store::dueLocked(const StoredRequest& request) const {
+  if (request.decidedAt) {
+    return plus(plus(plus(*request.decidedAt, graceSeconds_), kLingerSeconds),
+                1);
+  }
+  return request.state == RequestState::kPending
+             ? request.expiresAt
+             : std::numeric_limits<int64_t>::max();
+}
+
 void Store::sweepLocked(int64_t now) {
+  // Nothing falls due before `nextSweep_`, so most operations skip the walk.
+  if (now < nextSweep_) return;
+  int64_t next = std::numeric_limits<int64_t>::max();
   for (auto it = requests_.begin(); it != requests_.end();) {
     StoredRequest& request = it->second;
     // Removal looks at the request as it stood before this sweep, so one
@@ -170,9 +188,11 @@ void Store::sweepLocked(int64_t now) {
         plus(plus(*decidedBefore, graceSeconds_), kLingerSeconds) < now) {
       it = requests_.erase(it);
     } else {
+      next = std::min(next, dueLocked(request));
       ++it;
     }
   }
+  nextSweep_ = next;
 }
 
 void Store::recordLocked(const std::string& id) {

@@ -125,6 +125,20 @@ TEST_F(StoreTest, DeadlinesExpireAndForget) {
   EXPECT_FALSE(store->get("ra").has_value());
   EXPECT_FALSE(store->get("rb").has_value());  // decided at 1000
   EXPECT_TRUE(store->wasDecided("ra"));
+
+  // Sweeps are skipped until something falls due; a request filed later
+  // with a nearer deadline still expires on its second.
+  store->put(request("rc", now_, 600));
+  store->get("rc");
+  store->put(request("rd", now_, 120));
+  store->put(request("re", now_, 120));
+  now_ += 120;
+  EXPECT_EQ(refusal([&] { store->decide("re", RequestState::kApproved); }),
+            "that request was already expired");
+  EXPECT_EQ(store->get("rd")->state, RequestState::kExpired);
+  EXPECT_EQ(store->get("rc")->state, RequestState::kPending);
+  now_ += kGrace + 3601;
+  EXPECT_FALSE(store->get("re").has_value());
 }
 
 TEST_F(StoreTest, DecidedLogSurvivesAReopen) {

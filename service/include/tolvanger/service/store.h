@@ -120,6 +120,9 @@ class Store {
 
  private:
   void sweepLocked(int64_t now) REQUIRES(mu_);
+  // The first second at which a sweep would change `request`: its deadline
+  // while pending, the end of its stay once decided.
+  int64_t dueLocked(const StoredRequest& request) const REQUIRES(mu_);
   // Marks the id decided and appends it to decided.log once; a failed write
   // leaves the in-memory set to carry the protection.
   void recordLocked(const std::string& id) REQUIRES(mu_);
@@ -131,6 +134,8 @@ class Store {
   std::mutex mu_;
   std::map<std::string, StoredRequest, std::less<>> requests_ GUARDED_BY(mu_);
   std::set<std::string, std::less<>> decided_ GUARDED_BY(mu_);
+  // No request falls due before this second; a sweep before it is skipped.
+  int64_t nextSweep_ GUARDED_BY(mu_) = 0;
 };
 
 }  // namespace tolvanger::service
