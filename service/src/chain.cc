@@ -16,6 +16,9 @@ namespace {
 constexpr size_t kLastRows = 50;
 constexpr int64_t kDaySeconds = 86400;
 constexpr size_t kMaxSourceCharacters = 16;
+// More than any row this service writes: two times, an id, a road, two
+// durations and a word of at most 16 characters.
+constexpr size_t kMaxLineBytes = 256;
 
 int64_t systemMilliseconds() {
   return std::chrono::duration_cast<std::chrono::milliseconds>(
@@ -156,7 +159,10 @@ void Chain::answered(const std::string& id, std::string_view road,
 }
 
 std::vector<ChainRow> Chain::rows() const {
-  const std::optional<std::string> text = home_.read(kFile);
+  // Only the newest rows count, so only the end of the file is read: the
+  // status every agent's hello carries must not grow with the file.
+  const std::optional<std::string> text =
+      home_.readTail(kFile, kMaxRows * kMaxLineBytes);
   if (!text) return {};
   std::vector<std::string_view> lines;
   std::string_view rest = *text;

@@ -120,6 +120,45 @@ std::optional<std::string> Home::read(std::string_view name) const {
   return out;
 }
 
+std::optional<std::string> Home::readTail(std::string_view name,
+                                          size_t maxBytes) const {
+  int fd = open(file(name).c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return std::nullopt;
+  struct stat st;
+  if (fstat(fd, &st) != 0) {
+    close(fd);
+    return std::nullopt;
+  }
+  const off_t size = st.st_size;
+  // One byte more than the window, to see whether the window starts a line.
+  const off_t start = size > static_cast<off_t>(maxBytes)
+                          ? size - static_cast<off_t>(maxBytes) - 1
+                          : 0;
+  std::string out(static_cast<size_t>(size - start), '\0');
+  size_t done = 0;
+  while (done < out.size()) {
+    const ssize_t n = pread(fd, out.data() + done, out.size() - done,
+                            start + static_cast<off_t>(done));
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) {
+      close(fd);
+      return std::nullopt;
+    }
+    if (n == 0) break;
+    done += static_cast<size_t>(n);
+  }
+  close(fd);
+  out.resize(done);
+  if (start > 0) {
+    // Everything up to the first line feed is the end of a line that began
+    // before the window (or, when it is the extra byte, the end of the one
+    // before the window's first).
+    const size_t nl = out.find('\n');
+    out.erase(0, nl == std::string::npos ? out.size() : nl + 1);
+  }
+  return out;
+}
+
 void Home::writeAtomically(std::string_view data, std::string_view name) const {
   writeAtomically(asBytes(data), name);
 }

@@ -98,6 +98,15 @@ TEST(HomeTest, WriteAtomicallyReplacesWholeWithMode0600) {
   ASSERT_TRUE(home.appendLine("log", "first"));
   EXPECT_EQ(modeOf(home.file("log")), 0600u);
   EXPECT_EQ(home.read("log"), "first\n");
+
+  // A tail never starts inside a line, unless it is the whole file.
+  ASSERT_TRUE(home.appendLine("log", "second"));
+  EXPECT_EQ(home.readTail("log", 7), "second\n");
+  EXPECT_EQ(home.readTail("log", 8), "second\n");
+  EXPECT_EQ(home.readTail("log", 9), "second\n");
+  EXPECT_EQ(home.readTail("log", 13), "first\nsecond\n");
+  EXPECT_EQ(home.readTail("log", 3), "");
+  EXPECT_FALSE(home.readTail("missing", 10).has_value());
 }
 
 TEST(HomeTest, FailedWritesThrowAndLeaveNoScratch) {

@@ -46,6 +46,12 @@ class Home {
   // The whole content of `name`; nothing on any failure, absence included.
   std::optional<std::string> read(std::string_view name) const;
 
+  // The last `maxBytes` of `name`, starting after the first line feed in
+  // that window when the window does not reach the file's start, so that no
+  // line is cut; the whole file when it is smaller. Nothing on any failure.
+  std::optional<std::string> readTail(std::string_view name,
+                                      size_t maxBytes) const;
+
   // Replaces `name` whole: the data goes to "<name>.tmp" (mode 0600, synced),
   // which is then renamed over the target. Throws std::system_error naming
   // the file if the scratch file cannot be written or the rename fails; the
