@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
@@ -234,6 +235,10 @@ void HTTPSUpstream::State::serve(int fd) {
   sigemptyset(&pipe);
   sigaddset(&pipe, SIGPIPE);
   pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
+  // Small answers go out at once rather than waiting on the peer's delayed
+  // acknowledgement.
+  const int one = 1;
+  ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
 
   if (SSL* ssl = SSL_new(context.get())) {
     if (SSL_set_fd(ssl, fd) == 1 && SSL_accept(ssl) == 1) {

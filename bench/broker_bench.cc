@@ -1,0 +1,236 @@
+// The brokered call and the MCP door, each against its baseline in the same
+// run:
+// - `proxy.perform` over the real agent socket (re-read, pins, spend, attach,
+//   one HTTPS call with a fresh TLS session, reply) against a bare libcurl
+//   call with the same settings to the same local HTTPS server;
+// - `list_credentials` through `tolvanger-service mcp` (a separate process,
+//   which opens a socket connection of its own for each call) against
+//   `secret.list` on a connection already open.
+#include <benchmark/benchmark.h>
+#include <curl/curl.h>
+
+#include <memory>
+#include <string>
+
+#include "harness.h"
+#include "https_upstream.h"
+#include "tolvanger/kit/cloud_seal.h"
+#include "tolvanger/kit/crypto/mldsa65.h"
+#include "tolvanger/kit/crypto/p256.h"
+#include "tolvanger/kit/random.h"
+#include "tolvanger/service/broker.h"
+#include "tolvanger/service/http_server.h"
+#include "tolvanger/service/runtime.h"
+
+namespace {
+
+using nlohmann::json;
+using namespace tolvanger;
+using namespace tolvanger::service;
+
+struct World {
+  testing::TempDir dir;
+  testing::HTTPSUpstream upstream;
+  std::unique_ptr<Runtime> runtime;
+  crypto::P256PrivateKey key = crypto::P256PrivateKey::generate();
+  crypto::MLDSA65PrivateKey pq = crypto::MLDSA65PrivateKey::generate();
+  std::unique_ptr<testing::SocketClient> agent;
+
+  World() {
+    upstream.writeCA(dir.file("ca.pem"));
+    Config config = Config::defaults();
+    config.listen = {"127.0.0.1"};
+    config.listenPort = FreePort::pick(30000 + (::getpid() % 20000), 200);
+    runtime = std::make_unique<Runtime>(Home(dir.file("home")), config);
+    Service& s = runtime->service();
+    s.setUpstream(UpstreamSettings{dir.file("ca.pem")});
+    Device phone;
+    phone.deviceID = "phone-1";
+    phone.name = "Bench Phone";
+    phone.spki = key.publicKey().der();
+    phone.pq = pq.publicKey().raw();
+    phone.secret = Random::hex(24);
+    phone.pairedAt = 1;
+    s.devices.put(phone);
+    s.secrets.replace(
+        {SecretName{"upstream", "bearer", {upstream.netloc()}, {}, 1}});
+    runtime->start();
+    agent = std::make_unique<testing::SocketClient>(runtime->socketPath());
+    agent->call({{"op", "hello"}, {"client", "bench"}});
+  }
+  ~World() { runtime->stop(); }
+
+  // A brokered GET, raised and approved with a credential, ready to perform.
+  std::string approved() {
+    Service& s = runtime->service();
+    Broker::Ask ask;
+    ask.request = {{"secret", "upstream"},
+                   {"method", "GET"},
+                   {"url", "https://" + upstream.netloc() + "/v1/items"}};
+    ask.agent = "bench";
+    const std::string id = Broker::request(s, ask)["request_id"];
+    const StoredRequest r = *s.store.get(id);
+    const std::string bound = s.binding(r);
+    const json envelope =
+        CloudSeal::seal(asBytes(json{{"request_id", id},
+                                     {"name", "upstream"},
+                                     {"kind", "bearer"},
+                                     {"value", "token-" + Random::hex(16)}}
+                                    .dump()),
+                        s.identity.cloudKey().publicKey(), "cred", id)
+            .asDictionary();
+    Approval a;
+    a.requestID = id;
+    a.deviceID = "phone-1";
+    a.digest = r.digest;
+    a.signatureBase64 = toBase64(key.sign(asBytes(bound)));
+    a.pqSignatureBase64 = toBase64(pq.sign(asBytes(bound)));
+    a.credentialEnvelope = &envelope;
+    a.road = "lan";
+    s.approve(a);
+    return id;
+  }
+};
+
+World& world() {
+  static World w;
+  return w;
+}
+
+void BM_ProxyPerform(benchmark::State& state) {
+  World& w = world();
+  for (auto _ : state) {
+    state.PauseTiming();
+    const std::string id = w.approved();
+    state.ResumeTiming();
+    const json reply = w.agent->call({{"op", "proxy.perform"}, {"id", id}});
+    if (reply.value("status", 0) != 200) {
+      state.SkipWithError(reply.dump().c_str());
+      break;
+    }
+  }
+}
+BENCHMARK(BM_ProxyPerform)
+    ->Unit(benchmark::kMicrosecond)
+    ->UseRealTime()
+    ->MinTime(2.0);
+
+// The same perform called in process, without the socket in between.
+void BM_PerformInProcess(benchmark::State& state) {
+  World& w = world();
+  for (auto _ : state) {
+    state.PauseTiming();
+    const std::string id = w.approved();
+    state.ResumeTiming();
+    benchmark::DoNotOptimize(Broker::perform(w.runtime->service(), id));
+  }
+}
+BENCHMARK(BM_PerformInProcess)
+    ->Unit(benchmark::kMicrosecond)
+    ->UseRealTime()
+    ->MinTime(2.0);
+
+// The outgoing call alone, in process: what perform adds around it is the
+// difference to the figure above.
+void BM_BrokerSendOnly(benchmark::State& state) {
+  World& w = world();
+  Wire wire;
+  wire.method = "GET";
+  wire.scheme = "https";
+  wire.host = "localhost";
+  wire.port = w.upstream.port();
+  wire.path = "/v1/items";
+  wire.secret = "upstream";
+  const std::string header = "Bearer token-0123456789";
+  for (auto _ : state) {
+    state.PauseTiming();
+    benchmark::DoNotOptimize(w.approved());
+    std::vector<OutgoingHeader> headers;
+    headers.push_back({"authorization", SecretBytes(asBytes(header))});
+    state.ResumeTiming();
+    benchmark::DoNotOptimize(
+        Broker::send(wire, headers, w.runtime->service().upstream()));
+  }
+}
+BENCHMARK(BM_BrokerSendOnly)
+    ->Unit(benchmark::kMicrosecond)
+    ->UseRealTime()
+    ->MinTime(2.0);
+
+size_t discard(char*, size_t size, size_t count, void*) { return size * count; }
+
+void BM_BareCurl(benchmark::State& state) {
+  World& w = world();
+  const std::string url = "https://" + w.upstream.netloc() + "/v1/items";
+  const std::string ca = w.dir.file("ca.pem");
+  for (auto _ : state) {
+    state.PauseTiming();
+    // The same preparation between iterations as above, so both run with
+    // the caches in the same state.
+    benchmark::DoNotOptimize(w.approved());
+    state.ResumeTiming();
+    CURL* curl = curl_easy_init();
+    curl_slist* headers =
+        curl_slist_append(nullptr, "authorization: Bearer token-0123456789");
+    curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
+    curl_easy_setopt(curl, CURLOPT_CAINFO, ca.c_str());
+    curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, discard);
+    const CURLcode code = curl_easy_perform(curl);
+    long status = 0;
+    curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
+    curl_slist_free_all(headers);
+    curl_easy_cleanup(curl);
+    if (code != CURLE_OK || status != 200) {
+      state.SkipWithError(curl_easy_strerror(code));
+      break;
+    }
+  }
+}
+BENCHMARK(BM_BareCurl)
+    ->Unit(benchmark::kMicrosecond)
+    ->UseRealTime()
+    ->MinTime(2.0);
+
+void BM_SecretListDirect(benchmark::State& state) {
+  World& w = world();
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(w.agent->call({{"op", "secret.list"}}));
+  }
+}
+BENCHMARK(BM_SecretListDirect)->Unit(benchmark::kMicrosecond)->UseRealTime();
+
+void BM_ListCredentialsThroughMCP(benchmark::State& state) {
+  World& w = world();
+  testing::Child mcp({TOLVANGER_SERVICE_BIN, "mcp", "--client", "bench"},
+                     {{"TOLVANGER_HOME", w.dir.file("home")}});
+  mcp.write(json{{"jsonrpc", "2.0"},
+                 {"id", 0},
+                 {"method", "initialize"},
+                 {"params", {{"protocolVersion", "2025-06-18"}}}}
+                .dump() +
+            "\n");
+  mcp.readLine();
+  int64_t id = 1;
+  for (auto _ : state) {
+    mcp.write(json{{"jsonrpc", "2.0"},
+                   {"id", id++},
+                   {"method", "tools/call"},
+                   {"params", {{"name", "list_credentials"}}}}
+                  .dump() +
+              "\n");
+    const auto line = mcp.readLine();
+    if (!line || line->find("upstream") == std::string::npos) {
+      state.SkipWithError("no listing came back");
+      break;
+    }
+  }
+}
+BENCHMARK(BM_ListCredentialsThroughMCP)
+    ->Unit(benchmark::kMicrosecond)
+    ->UseRealTime();
+
+}  // namespace
+
+BENCHMARK_MAIN();
