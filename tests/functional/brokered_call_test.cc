@@ -240,5 +240,57 @@ TEST_F(BrokeredCall, RefusalsFromOutsideLeaveNothingSentThatWasNotApproved) {
   expectValueInNoFile();
 }
 
+TEST_F(BrokeredCall,
+       ASignInIsAnsweredWithACookieSessionThatIsSpentLikeAnyOther) {
+  SocketClient agent(service_->socketPath());
+  agent.call({{"op", "hello"}, {"client", "claude"}});
+  const json asked = agent.call({{"op", "signin.request"},
+                                 {"site", "https://shop.example/login"},
+                                 {"reason", "check the order"}});
+  ASSERT_EQ(asked["ok"], true) << asked;
+  EXPECT_EQ(asked["secret"], "shop.example");
+  const std::string id = asked["request_id"];
+  // The software phone has no browser: the session's cookie header is
+  // pasted, checked, and never written down.
+  const std::string cookies = "sid=" + kValue + "; theme=dark";
+  const Ran signedIn =
+      runPhone(phoneHome_, {"approve", id}, "approve\n" + cookies + "\n");
+  ASSERT_EQ(signedIn.status, 0) << signedIn.err;
+  EXPECT_EQ(agent.call({{"op", "poll"}, {"id", id}})["state"], "approved");
+  json row;
+  const json listing = agent.call({{"op", "secret.list"}});
+  for (const json& r : listing["credentials"]) {
+    if (r["name"] == "shop.example") row = r;
+  }
+  EXPECT_EQ(row["kind"], "cookie") << row;
+  EXPECT_EQ(row["hosts"], json::array({"shop.example"}));
+  EXPECT_TRUE(row.contains("signed_in_at")) << row;
+
+  // A cookie credential goes out in the cookie header, as the pin says.
+  ASSERT_EQ(runPhone(phoneHome_, {"secrets", "add", "jar", "--kind", "cookie",
+                                  "--host", upstream_.netloc()})
+                .status,
+            0);
+  const json opened =
+      agent.call({{"op", "proxy.request"},
+                  {"request",
+                   {{"secret", "jar"},
+                    {"method", "GET"},
+                    {"url", "https://" + upstream_.netloc() + "/orders"}}}});
+  ASSERT_EQ(opened["ok"], true) << opened;
+  const std::string call = opened["request_id"];
+  ASSERT_EQ(
+      runPhone(phoneHome_, {"approve", call}, "approve\n" + cookies + "\n")
+          .status,
+      0);
+  EXPECT_EQ(agent.call({{"op", "proxy.perform"}, {"id", call}})["status"], 200);
+  const auto received = upstream_.received();
+  ASSERT_EQ(received.size(), 1u);
+  EXPECT_EQ(received[0].headers.at("cookie"), cookies);
+  EXPECT_EQ(received[0].headers.count("authorization"), 0u);
+  ASSERT_EQ(service_->stop(), 0);
+  expectValueInNoFile();
+}
+
 }  // namespace
 }  // namespace tolvanger::testing
