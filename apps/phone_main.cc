@@ -46,6 +46,7 @@
 #include <string_view>
 #include <vector>
 
+#include "tolvanger/kit/ascii.h"
 #include "tolvanger/kit/bytes.h"
 #include "tolvanger/kit/crypto/xwing.h"
 #include "tolvanger/kit/fingerprint.h"
@@ -126,13 +127,6 @@ int64_t nowSeconds() {
 std::string errorText(int error) { return std::strerror(error); }
 
 bool interactive() { return isatty(STDIN_FILENO) == 1; }
-
-// `text` without blanks and tabs at either end.
-std::string_view trimBlanks(std::string_view text) {
-  const size_t first = text.find_first_not_of(" \t");
-  if (first == std::string_view::npos) return {};
-  return text.substr(first, text.find_last_not_of(" \t") - first + 1);
-}
 
 // A question for the person, shown only when a person is at the terminal.
 void prompt(const std::string& text) {
@@ -644,7 +638,7 @@ int pair(std::vector<std::string> args) {
   prompt("Which one does the Mac show? ");
   const std::optional<std::string> pick = readLine();
   if (!pick) throw Refusal("No number was given, so this phone did not pair.");
-  const std::string code(trimBlanks(*pick));
+  const std::string code(tolvanger::Ascii::trim(*pick));
   if (std::find(offer.choices.begin(), offer.choices.end(), code) ==
       offer.choices.end()) {
     throw Refusal(
@@ -835,7 +829,7 @@ int approve(const Options& options, std::vector<std::string> args) {
   }
   prompt("Type approve to sign this request: ");
   const std::optional<std::string> confirmation = readLine();
-  if (!confirmation || trimBlanks(*confirmation) != "approve") {
+  if (!confirmation || tolvanger::Ascii::trim(*confirmation) != "approve") {
     throw Refusal(
         "Nothing was signed, because the confirmation was not the word "
         "approve.");

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <functional>
 
+#include "tolvanger/kit/ascii.h"
 #include "tolvanger/kit/fingerprint.h"
 
 namespace tolvanger {
@@ -25,30 +26,6 @@ std::optional<std::vector<std::string>> stringList(const json& object,
   return out;
 }
 
-std::string asciiLower(std::string s) {
-  for (char& c : s) {
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-  }
-  return s;
-}
-
-std::string asciiUpper(std::string s) {
-  for (char& c : s) {
-    if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
-  }
-  return s;
-}
-
-std::string_view trimBlanks(std::string_view s) {
-  while (!s.empty() && (s.front() == ' ' || s.front() == '\t')) {
-    s.remove_prefix(1);
-  }
-  while (!s.empty() && (s.back() == ' ' || s.back() == '\t')) {
-    s.remove_suffix(1);
-  }
-  return s;
-}
-
 bool contains(std::string_view s, char c) {
   return s.find(c) != std::string_view::npos;
 }
@@ -69,18 +46,6 @@ std::vector<std::string_view> splitKeepingEmpty(std::string_view s,
   }
 }
 
-template <typename List>
-std::string join(const List& items, std::string_view separator) {
-  std::string out;
-  bool first = true;
-  for (const auto& item : items) {
-    if (!first) out += separator;
-    out += item;
-    first = false;
-  }
-  return out;
-}
-
 bool isAllMethods(const std::vector<std::string>& methods) {
   return std::equal(methods.begin(), methods.end(),
                     AccessRule::allMethods.begin(),
@@ -95,8 +60,8 @@ std::optional<AccessRule> AccessRule::parse(const json& value) {
 
   for (const std::string& raw :
        stringList(value, "hosts").value_or(std::vector<std::string>{})) {
-    const std::string lowered = asciiLower(raw);
-    const std::string_view host = trimBlanks(lowered);
+    const std::string lowered = Ascii::lower(raw);
+    const std::string_view host = Ascii::trim(lowered);
     if (host.empty() || contains(host, '\n') || contains(host, '/')) continue;
     rule.hosts.emplace_back(host);
   }
@@ -108,7 +73,7 @@ std::optional<AccessRule> AccessRule::parse(const json& value) {
     methods.assign(allMethods.begin(), allMethods.end());
   }
   for (const std::string& raw : methods) {
-    std::string method = asciiUpper(raw);
+    std::string method = Ascii::upper(raw);
     if (std::find(allMethods.begin(), allMethods.end(), method) !=
         allMethods.end()) {
       rule.methods.push_back(std::move(method));
@@ -156,12 +121,13 @@ bool AccessRule::prefix(std::string_view pattern, std::string_view path) {
 }
 
 std::string AccessRule::sentence() const {
-  std::string out = isAllMethods(methods) ? "anything" : join(methods, "/");
+  std::string out =
+      isAllMethods(methods) ? "anything" : Ascii::join(methods, "/");
   out += " on ";
-  out += join(hosts, ", ");
+  out += Ascii::join(hosts, ", ");
   if (!paths.empty()) {
     out += " under ";
-    out += join(paths, ", ");
+    out += Ascii::join(paths, ", ");
   }
   return out;
 }
@@ -193,11 +159,13 @@ std::string SecretAnnouncement::digest(
     std::vector<std::string> rules;
     rules.reserve(a.rules.size());
     for (const AccessRule& r : a.rules) {
-      rules.push_back(join(r.hosts, ",") + "|" + join(r.methods, ",") + "|" +
-                      join(r.paths, ","));
+      rules.push_back(Ascii::join(r.hosts, ",") + "|" +
+                      Ascii::join(r.methods, ",") + "|" +
+                      Ascii::join(r.paths, ","));
     }
-    std::string line = a.name + kUnit + a.kind + kUnit + join(a.hosts, ",") +
-                       kUnit + join(rules, ";");
+    std::string line = a.name + kUnit + a.kind + kUnit +
+                       Ascii::join(a.hosts, ",") + kUnit +
+                       Ascii::join(rules, ";");
     if (a.signedInAt)
       line += kUnit + std::string("s") + std::to_string(*a.signedInAt);
     if (a.expiresBy)
@@ -206,7 +174,8 @@ std::string SecretAnnouncement::digest(
     lines.push_back(std::move(line));
   }
   std::sort(lines.begin(), lines.end());
-  return Fingerprint::of(asBytes(join(lines, std::string_view(&kRecord, 1))));
+  return Fingerprint::of(
+      asBytes(Ascii::join(lines, std::string_view(&kRecord, 1))));
 }
 
 }  // namespace tolvanger

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "tolvanger/kit/ascii.h"
 #include "tolvanger/kit/ids.h"
 #include "tolvanger/kit/text.h"
 #include "tolvanger/kit/url.h"
@@ -9,14 +10,6 @@
 namespace tolvanger::SignIn {
 
 namespace {
-
-std::string lowered(std::string_view text) {
-  std::string out(text);
-  for (char& c : out) {
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-  }
-  return out;
-}
 
 bool isHostCharacter(char c) {
   return (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' ||
@@ -62,7 +55,7 @@ bool fitsHeader(std::string_view text) {
 // True when a cookie for `domain` is sent to `host`: the domain is the host
 // or a parent of it at a label boundary.
 bool belongsTo(std::string_view domain, std::string_view host) {
-  std::string normal = lowered(domain);
+  std::string normal = Ascii::lower(domain);
   if (normal.starts_with('.')) normal.erase(0, 1);
   return !normal.empty() && (normal == host || isBelow(host, normal));
 }
@@ -72,10 +65,10 @@ bool belongsTo(std::string_view domain, std::string_view host) {
 std::optional<std::string> host(std::string_view url) {
   if (hasBlankOrControl(url)) return std::nullopt;
   const std::optional<Url> parsed = Url::parse(url);
-  if (!parsed || lowered(parsed->scheme) != "https") return std::nullopt;
+  if (!parsed || Ascii::lower(parsed->scheme) != "https") return std::nullopt;
   if (parsed->user || parsed->password) return std::nullopt;
   if (parsed->port && *parsed->port != 443) return std::nullopt;
-  std::string name = lowered(parsed->host);
+  std::string name = Ascii::lower(parsed->host);
   if (name.find('.') == std::string::npos || name.starts_with('.') ||
       !std::all_of(name.begin(), name.end(), isHostCharacter)) {
     return std::nullopt;
@@ -120,7 +113,7 @@ std::set<std::string> serverMarks(const std::vector<Cookie>& cookies) {
 
 std::optional<Session> session(const std::vector<Cookie>& cookies,
                                std::string_view host, int64_t now) {
-  const std::string forHost = lowered(host);
+  const std::string forHost = Ascii::lower(host);
   std::vector<const Cookie*> kept;
   for (const Cookie& cookie : cookies) {
     if (!belongsTo(cookie.domain, forHost)) continue;

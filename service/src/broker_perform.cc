@@ -17,6 +17,7 @@
 #include <utility>
 #include <vector>
 
+#include "tolvanger/kit/ascii.h"
 #include "tolvanger/kit/bytes.h"
 #include "tolvanger/kit/canonical.h"
 #include "tolvanger/kit/service_error.h"
@@ -38,14 +39,6 @@ constexpr std::string_view kSpentNote =
 // Response headers that are never shown to an agent.
 bool isStripped(std::string_view lowerName) {
   return lowerName == "set-cookie" || lowerName == "set-cookie2";
-}
-
-std::string lowerASCII(std::string_view s) {
-  std::string out(s);
-  for (char& c : out) {
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-  }
-  return out;
 }
 
 std::string_view trimmed(std::string_view s) {
@@ -149,7 +142,7 @@ size_t onHeader(char* data, size_t size, size_t count, void* user) {
   const std::string_view name = line.substr(0, colon);
   const std::string_view value = trimmed(line.substr(colon + 1));
   if (!Text::isValidUTF8(name) || !Text::isValidUTF8(value)) return length;
-  std::string key = lowerASCII(name);
+  std::string key = Ascii::lower(name);
   if (isStripped(key)) return length;
   auto [at, inserted] = answer->headers.try_emplace(std::move(key), value);
   if (!inserted) {
@@ -264,7 +257,7 @@ void fillHeaders(HeaderList& list, const Wire& wire,
     std::memcpy(out, value.data(), value.size());
     out[value.size()] = '\0';
     list.append(reinterpret_cast<const char*>(line.reveal().data()));
-    named.insert(lowerASCII(header.name));
+    named.insert(Ascii::lower(header.name));
   }
   if (!named.contains("accept")) list.append("Accept:");
   if (!named.contains("expect")) list.append("Expect:");

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <set>
 
+#include "tolvanger/kit/ascii.h"
 #include "tolvanger/kit/crypto/digest.h"
 #include "tolvanger/kit/service_error.h"
 #include "tolvanger/kit/text.h"
@@ -24,39 +25,11 @@ constexpr size_t kMaxHeaderName = 64;
   throw ServiceError::refused(std::move(sentence));
 }
 
-std::string asciiLower(std::string_view s) {
-  std::string out(s);
-  for (char& c : out) {
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-  }
-  return out;
-}
-
-std::string asciiUpper(std::string_view s) {
-  std::string out(s);
-  for (char& c : out) {
-    if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
-  }
-  return out;
-}
-
 bool isAlpha(char c) {
   return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
 }
 bool isDigit(char c) { return c >= '0' && c <= '9'; }
 bool isControl(unsigned char c) { return c < 32 || c == 127; }
-
-template <typename List>
-std::string join(const List& items, std::string_view separator) {
-  std::string out;
-  bool first = true;
-  for (const auto& item : items) {
-    if (!first) out += separator;
-    out += item;
-    first = false;
-  }
-  return out;
-}
 
 std::string_view trimmed(std::string_view s) {
   constexpr std::string_view kBlank = " \t\r\n";
@@ -97,7 +70,7 @@ bool hasHiddenSeparator(std::string_view path) {
   if (path.find('\\') != std::string_view::npos) return true;
   for (size_t at = path.find('%'); at != std::string_view::npos;
        at = path.find('%', at + 1)) {
-    const std::string escape = asciiLower(path.substr(at, 3));
+    const std::string escape = Ascii::lower(path.substr(at, 3));
     if (escape == "%2f" || escape == "%5c") return true;
   }
   return false;
@@ -131,7 +104,7 @@ void readURL(Wire& wire, const json* value, const Pins& pins,
   }
   const auto url = Url::parse(value->get_ref<const std::string&>());
   if (!url) refuse("that is not a usable url");
-  const std::string scheme = asciiLower(url->scheme);
+  const std::string scheme = Ascii::lower(url->scheme);
   if (scheme != pins.scheme) {
     refuse(std::string(called) + " speaks " + pins.scheme + ", not " +
            (scheme.empty() ? std::string("nothing") : scheme));
@@ -145,7 +118,7 @@ void readURL(Wire& wire, const json* value, const Pins& pins,
         "something the user approves");
   }
   wire.scheme = scheme;
-  wire.host = asciiLower(url->host);
+  wire.host = Ascii::lower(url->host);
   wire.port = url->port.value_or(scheme == "https" ? 443 : 80);
   wire.path = url->path.empty() ? "/" : url->path;
   if (url->query) wire.path += "?" + *url->query;
@@ -199,7 +172,7 @@ void readHeaders(Wire& wire, const json* value, const Pins& pins) {
           })) {
         refuse("header name not usable: " + name);
       }
-      const std::string lower = asciiLower(name);
+      const std::string lower = Ascii::lower(name);
       if (wire.headers.count(lower) != 0) {
         refuse(name +
                " is named twice, and two spellings of one header are two "
@@ -261,7 +234,7 @@ Wire check(const json& request, const std::string& secret, const Pins& pins,
            std::string_view called) {
   const json* method = member(request, "method");
   if (method == nullptr || !method->is_string()) {
-    refuse(std::string(called) + " sends " + join(pins.methods, " or ") +
+    refuse(std::string(called) + " sends " + Ascii::join(pins.methods, " or ") +
            ", and no method was named");
   }
   Wire wire;
@@ -278,7 +251,7 @@ Wire check(const json& request, const std::string& secret, const Pins& pins,
     wire.body = body->get<std::string>();
     if (wire.body.size() > kMaxBody) refuse("the body is over 131072 bytes");
   }
-  wire.method = asciiUpper(method->get_ref<const std::string&>());
+  wire.method = Ascii::upper(method->get_ref<const std::string&>());
   wire.secret = secret;
   return wire;
 }
@@ -307,13 +280,13 @@ Fields structuralFields(const Wire& wire, bool showBody) {
 std::optional<std::string> onlyOne(const std::vector<SecretName>& names,
                                    const std::vector<std::string>& hosts) {
   std::set<std::string, std::less<>> wanted;
-  for (const std::string& host : hosts) wanted.insert(asciiLower(host));
+  for (const std::string& host : hosts) wanted.insert(Ascii::lower(host));
   std::optional<std::string> found;
   size_t count = 0;
   for (const SecretName& name : names) {
     if (std::any_of(name.hosts.begin(), name.hosts.end(),
                     [&](const std::string& h) {
-                      return wanted.count(asciiLower(h)) != 0;
+                      return wanted.count(Ascii::lower(h)) != 0;
                     })) {
       found = name.name;
       ++count;
@@ -340,8 +313,8 @@ json request(Service& service, const Ask& ask) {
   }
   if (!others.empty()) {
     std::sort(others.begin(), others.end());
-    refuse("a request is " + join(kParts, ", ") +
-           " and nothing else \u2014 not " + join(others, ", "));
+    refuse("a request is " + Ascii::join(kParts, ", ") +
+           " and nothing else \u2014 not " + Ascii::join(others, ", "));
   }
 
   const json* secret = member(ask.request, "secret");

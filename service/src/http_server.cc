@@ -16,6 +16,7 @@
 #include <system_error>
 #include <utility>
 
+#include "tolvanger/kit/ascii.h"
 #include "tolvanger/kit/bytes.h"
 #include "tolvanger/kit/crypto/digest.h"
 #include "tolvanger/kit/service_error.h"
@@ -58,12 +59,6 @@ HTTPParse refuse(const char* sentence) {
 }
 
 bool isBlank(char c) { return c == ' ' || c == '\t'; }
-
-std::string_view trimBlanks(std::string_view s) {
-  while (!s.empty() && isBlank(s.front())) s.remove_prefix(1);
-  while (!s.empty() && isBlank(s.back())) s.remove_suffix(1);
-  return s;
-}
 
 // The first two blank-separated words of a line (runs of blanks count as
 // one), or nothing if it has fewer.
@@ -212,7 +207,7 @@ HTTPParse parseHTTPRequest(std::string_view received, bool ended) {
     const size_t colon = line.find(':');
     if (colon == std::string_view::npos) continue;
     if (isContentLength(line.substr(0, colon))) {
-      length = wholeNumber(trimBlanks(line.substr(colon + 1))).value_or(0);
+      length = wholeNumber(Ascii::trim(line.substr(colon + 1))).value_or(0);
     }
   }
   if (length > static_cast<int64_t>(HTTPServer::maxBody)) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "tolvanger/kit/ascii.h"
 #include "tolvanger/kit/service_error.h"
 #include "tolvanger/kit/text.h"
 
@@ -10,34 +11,6 @@ namespace tolvanger::service {
 using nlohmann::json;
 
 namespace {
-
-std::string asciiLower(std::string_view s) {
-  std::string out(s);
-  for (char& c : out) {
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-  }
-  return out;
-}
-
-std::string_view trimBlanks(std::string_view s) {
-  while (!s.empty() && (s.front() == ' ' || s.front() == '\t')) {
-    s.remove_prefix(1);
-  }
-  while (!s.empty() && (s.back() == ' ' || s.back() == '\t')) {
-    s.remove_suffix(1);
-  }
-  return s;
-}
-
-std::string join(const std::vector<std::string>& items,
-                 std::string_view separator) {
-  std::string out;
-  for (size_t i = 0; i < items.size(); ++i) {
-    if (i > 0) out += separator;
-    out += items[i];
-  }
-  return out;
-}
 
 bool contains(const std::vector<std::string>& items, std::string_view item) {
   return std::find(items.begin(), items.end(), item) != items.end();
@@ -98,8 +71,8 @@ const std::set<std::string, std::less<>>& Pins::transportHeaders() {
 std::optional<Pins> Pins::derived(const SecretName& name) {
   Pins pins;
   for (const std::string& raw : name.hosts) {
-    const std::string lowered = asciiLower(raw);
-    const std::string_view host = trimBlanks(lowered);
+    const std::string lowered = Ascii::lower(raw);
+    const std::string_view host = Ascii::trim(lowered);
     if (!host.empty()) pins.hosts.emplace_back(host);
   }
   if (pins.hosts.empty()) return std::nullopt;
@@ -109,7 +82,7 @@ std::optional<Pins> Pins::derived(const SecretName& name) {
 
   pins.rules = name.rules;
   for (AccessRule& rule : pins.rules) {
-    for (std::string& host : rule.hosts) host = asciiLower(host);
+    for (std::string& host : rule.hosts) host = Ascii::lower(host);
   }
 
   if (pins.rules.empty()) {
@@ -146,13 +119,13 @@ void Pins::allow(const Wire& wire, std::string_view called) const {
         (wire.scheme.empty() ? std::string("nothing") : wire.scheme));
   }
   if (!contains(methods, wire.method)) {
-    throw ServiceError::refused(who + " sends " + join(methods, " or ") +
+    throw ServiceError::refused(who + " sends " + Ascii::join(methods, " or ") +
                                 ", not " + wire.method);
   }
   const std::string netloc = wire.netloc();
   if (!contains(hosts, netloc)) {
-    throw ServiceError::refused(who + " may only reach " + join(hosts, ", ") +
-                                " \u2014 not " +
+    throw ServiceError::refused(who + " may only reach " +
+                                Ascii::join(hosts, ", ") + " \u2014 not " +
                                 (netloc.empty() ? std::string("?") : netloc));
   }
   const std::string_view path =
@@ -165,9 +138,9 @@ void Pins::allow(const Wire& wire, std::string_view called) const {
     std::vector<std::string> sentences;
     sentences.reserve(rules.size());
     for (const AccessRule& rule : rules) sentences.push_back(rule.sentence());
-    throw ServiceError::refused(who + " may do " + join(sentences, "; ") +
-                                " \u2014 not " + wire.method + " " + netloc +
-                                std::string(path));
+    throw ServiceError::refused(who + " may do " +
+                                Ascii::join(sentences, "; ") + " \u2014 not " +
+                                wire.method + " " + netloc + std::string(path));
   }
   if (paths.empty()) return;
   for (const std::string& entry : paths) {
@@ -175,8 +148,8 @@ void Pins::allow(const Wire& wire, std::string_view called) const {
     const std::string stem = entry.ends_with('/') ? entry : entry + "/";
     if (path.starts_with(stem)) return;
   }
-  throw ServiceError::refused(who + " may only reach " + join(paths, ", ") +
-                              " on " + netloc);
+  throw ServiceError::refused(who + " may only reach " +
+                              Ascii::join(paths, ", ") + " on " + netloc);
 }
 
 std::pair<std::string, SecretBytes> Pins::attach(ByteView value) const {

@@ -2,18 +2,11 @@
 
 #include <string>
 
+#include "tolvanger/kit/ascii.h"
+
 namespace tolvanger::service {
 
-namespace {
-std::string joined(const std::vector<std::string>& items, const char* sep) {
-  std::string out;
-  for (const auto& item : items) {
-    if (!out.empty()) out += sep;
-    out += item;
-  }
-  return out;
-}
-}  // namespace
+namespace {}  // namespace
 
 Runtime::Runtime(Home home, std::optional<Config> config)
     : service_(std::make_unique<Service>(std::move(home), std::move(config))) {
@@ -41,7 +34,7 @@ void Runtime::start() {
   running_ = true;
   const Config& config = service_->config;
   service_->journal.write("started", {{"socket", socketPath_},
-                                      {"listen", joined(addresses_, ",")},
+                                      {"listen", Ascii::join(addresses_, ",")},
                                       {"port", config.listenPort},
                                       {"sealed", config.requireSealed}});
 }
