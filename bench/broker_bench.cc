@@ -40,7 +40,7 @@ struct World {
     upstream.writeCA(dir.file("ca.pem"));
     Config config = Config::defaults();
     config.listen = {"127.0.0.1"};
-    config.listenPort = FreePort::pick(30000 + (::getpid() % 20000), 200);
+    config.listenPort = FreePort::pick(20000 + (::getpid() % 12000), 200);
     runtime = std::make_unique<Runtime>(Home(dir.file("home")), config);
     Service& s = runtime->service();
     s.setUpstream(UpstreamSettings{dir.file("ca.pem")});

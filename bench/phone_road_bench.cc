@@ -46,7 +46,7 @@ struct World {
   World() {
     Config config = Config::defaults();
     config.listen = {"127.0.0.1"};
-    port = FreePort::pick(30000 + ::getpid() % 20000, 200);
+    port = FreePort::pick(20000 + ::getpid() % 12000, 200);
     config.listenPort = port;
     service = std::make_unique<Service>(Home(dir.file("home")), config);
     service->setListenAddresses({"127.0.0.1"});

@@ -37,10 +37,10 @@ TEST(HTTPParseTest, HeadAndFirstLine) {
   EXPECT_EQ(parseHTTPRequest(endless).outcome, Outcome::kNeedMore);
   EXPECT_EQ(parseHTTPRequest(endless + "a").outcome, Outcome::kDrop);
 
-  EXPECT_EQ(sentenceOf(parseHTTPRequest("GET\r\n\r\n")), "unreadable request");
-  EXPECT_EQ(sentenceOf(parseHTTPRequest("\r\n\r\n")), "unreadable request");
-  EXPECT_EQ(sentenceOf(parseHTTPRequest("GET /\xff HTTP/1.1\r\n\r\n")),
-            "unreadable request");
+  for (const char* head :
+       {"GET\r\n\r\n", "\r\n\r\n", "GET /\xff HTTP/1.1\r\n\r\n"}) {
+    EXPECT_EQ(sentenceOf(parseHTTPRequest(head)), "unreadable request") << head;
+  }
 
   const auto p = parseHTTPRequest("get  /v1/pending?x=1?y \t HTTP/1.1\r\n\r\n");
   ASSERT_EQ(p.outcome, Outcome::kRequest);
@@ -94,9 +94,8 @@ TEST(HTTPParseTest, Response) {
             "HTTP/1.1 404 Error\r\ncontent-type: application/json\r\n"
             "content-length: 25\r\nconnection: close\r\n\r\n"
             "{\"error\":\"no\",\"ok\":false}");
-  const std::string reply = formatHTTPResponse({200, {{"x", "\xff"}}});
-  EXPECT_TRUE(reply.starts_with("HTTP/1.1 200 OK\r\n"));
-  EXPECT_TRUE(reply.ends_with("{\"x\":\"\xEF\xBF\xBD\"}"));
+  EXPECT_TRUE(formatHTTPResponse({200, {{"x", "\xff"}}})
+                  .ends_with("{\"x\":\"\xEF\xBF\xBD\"}"));
 }
 
 TEST(LocalAddressTest, ResolveAndLAN) {
@@ -128,7 +127,7 @@ TEST(LocalAddressTest, ResolveAndLAN) {
 // --- A real listener on 127.0.0.1. ---
 
 int freePort() {
-  return FreePort::pick(20000 + static_cast<int>(::getpid() % 20000), 500);
+  return FreePort::pick(20000 + static_cast<int>(::getpid() % 12000), 500);
 }
 
 int connectTo(int port) {
@@ -204,23 +203,19 @@ class HTTPServerTest : public ::testing::Test {
 };
 
 TEST_F(HTTPServerTest, AnswersGoodRequests) {
-  EXPECT_EQ(exchange("GET /v1/health HTTP/1.1\r\n\r\n"),
-            "HTTP/1.1 200 OK\r\ncontent-type: application/json\r\n"
-            "content-length: 11\r\nconnection: close\r\n\r\n{\"ok\":true}");
+  EXPECT_TRUE(exchange("GET /v1/health HTTP/1.1\r\n\r\n")
+                  .ends_with("\r\n\r\n{\"ok\":true}"));
   const std::string body = "{ \"code\" : \"12 34\" }";
   EXPECT_TRUE(exchange("POST /v1/pair?x=1 HTTP/1.1\r\nHost: a\r\n"
                        "Content-Length: " +
                        std::to_string(body.size()) + "\r\n\r\n" + body)
                   .starts_with("HTTP/1.1 200 OK\r\n"));
-  // A length that is not a number: the body is ignored, the route sees {}.
-  exchange("POST /v1/deny HTTP/1.1\r\ncontent-length: abc\r\n\r\n{\"a\":1}");
   EXPECT_TRUE(exchange("GET /missing HTTP/1.1\r\n\r\n")
                   .starts_with("HTTP/1.1 404 Error\r\n"));
   const auto s = seen();
-  ASSERT_EQ(s.size(), 4u);
+  ASSERT_EQ(s.size(), 3u);
   EXPECT_EQ(s[0].method + s[0].path + s[0].body, "GET/v1/health{}");
   EXPECT_EQ(s[1].method + s[1].path + s[1].body, "POST/v1/pair" + body);
-  EXPECT_EQ(s[2].body, "{}");
 }
 
 TEST_F(HTTPServerTest, ServesConcurrentClients) {
@@ -249,10 +244,6 @@ TEST_F(HTTPServerTest, RefusesOrDropsBadRequests) {
         .value("error", "");
   };
   EXPECT_EQ(sentence("GET\r\n\r\n"), "unreadable request");
-  EXPECT_EQ(sentence("POST /p HTTP/1.1\r\ncontent-length: 524289\r\n\r\n"),
-            "that body is too large");
-  EXPECT_EQ(sentence("POST /p HTTP/1.1\r\ncontent-length: 20\r\n\r\n{\"a\":"),
-            "that is not json");
   EXPECT_EQ(exchange("GET /v1/health HTTP/1.1\r\n"), "");  // no terminator
   EXPECT_TRUE(seen().empty());
 }

@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -273,7 +274,13 @@ Ran pairPhone(SocketClient& admin, const std::string& phoneHome, int port) {
 int useFreePort(const std::string& home) {
   const std::string path = home + "/config.json";
   nlohmann::json config = nlohmann::json::parse(readFile(path));
-  const int port = service::FreePort::pick(20000 + (::getpid() % 20000), 200);
+  // Below the kernel's ephemeral range (32768 up), so an outgoing
+  // connection's source port never takes the port between pick and bind;
+  // and a new port for each test, so one test never meets what an earlier
+  // one's connections left on its port.
+  static std::atomic<int> tests{0};
+  const int port = service::FreePort::pick(
+      20000 + (::getpid() * 7 + tests++ * 211) % 12000, 200);
   config["listen_port"] = port;
   config["listen"] = nlohmann::json::array({"127.0.0.1"});
   std::ofstream(path) << config.dump(2);
