@@ -60,6 +60,7 @@
 #include "tolvanger/kit/secret_json.h"
 #include "tolvanger/kit/sign_in.h"
 #include "tolvanger/kit/signer.h"
+#include "tolvanger/port/files.h"
 #include "tolvanger/port/memory.h"
 #include "tolvanger/port/system.h"
 
@@ -247,41 +248,11 @@ std::string inHome(const std::string& home, const char* name) {
   return home + "/" + name;
 }
 
-bool writeAll(int fd, ByteView data) {
-  size_t done = 0;
-  while (done < data.size()) {
-    const ssize_t n = write(fd, data.data() + done, data.size() - done);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return false;
-    }
-    done += static_cast<size_t>(n);
-  }
-  return true;
-}
-
 // Replaces `path` through "<path>.tmp", mode 0600, flushed, then renamed, so
 // a reader sees the old file or the new one.
 void writeAtomically(const std::string& path, ByteView data) {
-  const std::string scratch = path + ".tmp";
-  const int fd =
-      open(scratch.c_str(),
-           O_CREAT | O_TRUNC | O_WRONLY | O_CLOEXEC | O_NOFOLLOW, kFileMode);
-  if (fd < 0) {
-    throw Refusal("Could not write " + path + " (" + errorText(errno) + ").");
-  }
-  bool ok = fchmod(fd, kFileMode) == 0 && writeAll(fd, data) && fsync(fd) == 0;
-  int error = errno;
-  if (close(fd) != 0 && ok) {
-    ok = false;
-    error = errno;
-  }
-  if (ok && rename(scratch.c_str(), path.c_str()) != 0) {
-    ok = false;
-    error = errno;
-  }
-  if (!ok) {
-    unlink(scratch.c_str());
+  if (const int error = tolvanger::port::replaceFile(path, data.data(),
+                                                     data.size(), kFileMode)) {
     throw Refusal("Could not write " + path + " (" + errorText(error) + ").");
   }
 }

@@ -8,6 +8,8 @@
 #include <cstring>
 #include <utility>
 
+#include "tolvanger/port/files.h"
+
 namespace tolvanger {
 
 namespace {
@@ -43,44 +45,12 @@ void ensureDirectory(const std::string& directory) {
   }
 }
 
-bool writeAll(int fd, ByteView data) {
-  size_t done = 0;
-  while (done < data.size()) {
-    const ssize_t n = write(fd, data.data() + done, data.size() - done);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return false;
-    }
-    done += static_cast<size_t>(n);
-  }
-  return true;
-}
-
 // Replaces `path` with `data`: written to "<path>.tmp" with mode 0600, flushed
 // to disk, then renamed into place, so a reader sees the old file or the new
 // one and never a part. Throws SignerError::create.
 void writeAtomically(const std::string& path, ByteView data) {
-  const std::string scratch = path + ".tmp";
-  const int fd =
-      open(scratch.c_str(),
-           O_CREAT | O_TRUNC | O_WRONLY | O_CLOEXEC | O_NOFOLLOW, kFileMode);
-  if (fd < 0) {
-    throw SignerError::create("could not write " + path + " (" +
-                              errorText(errno) + ")");
-  }
-  // A scratch file left from before keeps its old mode through O_CREAT.
-  bool ok = fchmod(fd, kFileMode) == 0 && writeAll(fd, data) && fsync(fd) == 0;
-  int error = errno;
-  if (close(fd) != 0 && ok) {
-    ok = false;
-    error = errno;
-  }
-  if (ok && rename(scratch.c_str(), path.c_str()) != 0) {
-    ok = false;
-    error = errno;
-  }
-  if (!ok) {
-    unlink(scratch.c_str());
+  if (const int error =
+          port::replaceFile(path, data.data(), data.size(), kFileMode)) {
     throw SignerError::create("could not write " + path + " (" +
                               errorText(error) + ")");
   }

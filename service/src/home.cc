@@ -9,6 +9,7 @@
 #include <system_error>
 
 #include "tolvanger/kit/service_error.h"
+#include "tolvanger/port/files.h"
 #include "tolvanger/port/system.h"
 
 namespace tolvanger::service {
@@ -165,34 +166,10 @@ void Home::writeAtomically(std::string_view data, std::string_view name) const {
 
 void Home::writeAtomically(ByteView data, std::string_view name) const {
   const std::string target = file(name);
-  const std::string scratch = target + ".tmp";
-  const std::string where = "could not write " + target;
-
-  int fd = open(scratch.c_str(), O_CREAT | O_TRUNC | O_WRONLY | O_CLOEXEC,
-                kFileMode);
-  if (fd < 0) throwErrno(errno, where);
-  bool ok = writeAll(fd, data.data(), data.size()) && fsync(fd) == 0;
-  int error = errno;
-  if (close(fd) != 0 && ok) {
-    ok = false;
-    error = errno;
+  if (const int error =
+          port::replaceFile(target, data.data(), data.size(), kFileMode)) {
+    throwErrno(error, "could not write " + target);
   }
-  // A scratch file that existed before keeps its old mode through O_CREAT,
-  // so the mode is set explicitly before the file takes the target's place.
-  if (ok && chmod(scratch.c_str(), kFileMode) != 0) {
-    ok = false;
-    error = errno;
-  }
-  if (ok && rename(scratch.c_str(), target.c_str()) != 0) {
-    ok = false;
-    error = errno;
-  }
-  if (!ok) {
-    unlink(scratch.c_str());
-    throwErrno(error, where);
-  }
-  // The write is done; a failure to set the mode again changes nothing.
-  (void)chmod(target.c_str(), kFileMode);
 }
 
 bool Home::appendLine(std::string_view name, std::string_view line) const {
