@@ -7,6 +7,7 @@
 
 #include <functional>
 
+#include "testing/fake_transport.h"
 #include "tolvanger/kit/cloud_seal.h"
 #include "tolvanger/kit/crypto/mldsa65.h"
 #include "tolvanger/kit/crypto/p256.h"
@@ -18,20 +19,6 @@ namespace {
 
 using nlohmann::json;
 using std::chrono::milliseconds;
-
-class FakeTransport : public HTTPTransport {
- public:
-  explicit FakeTransport(std::function<HTTPAnswer(const HTTPCall&)> handler)
-      : handler_(std::move(handler)) {}
-  HTTPAnswer send(const HTTPCall& call) override {
-    calls.push_back(call);
-    return handler_(call);
-  }
-  std::vector<HTTPCall> calls;
-
- private:
-  std::function<HTTPAnswer(const HTTPCall&)> handler_;
-};
 
 std::string errorOf(const std::function<void()>& f) {
   try {

@@ -13,6 +13,7 @@
 #include <set>
 #include <thread>
 
+#include "testing/fake_transport.h"
 #include "tolvanger/kit/crypto/mldsa65.h"
 #include "tolvanger/kit/crypto/p256.h"
 #include "tolvanger/kit/sealed_road.h"
@@ -22,20 +23,6 @@ namespace {
 
 using nlohmann::json;
 using std::chrono::milliseconds;
-
-class FakeTransport : public HTTPTransport {
- public:
-  explicit FakeTransport(std::function<HTTPAnswer(const HTTPCall&)> handler)
-      : handler_(std::move(handler)) {}
-  HTTPAnswer send(const HTTPCall& call) override {
-    calls.push_back(call);
-    return handler_(call);
-  }
-  std::vector<HTTPCall> calls;
-
- private:
-  std::function<HTTPAnswer(const HTTPCall&)> handler_;
-};
 
 std::shared_ptr<FakeTransport> answering(long status, std::string body) {
   return std::make_shared<FakeTransport>([=](const HTTPCall&) {
