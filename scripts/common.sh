@@ -16,6 +16,12 @@ bootstrap() {
 configure() {
   local dir=$1
   shift
+  local launcher=()
+  # ccache, where the machine has it, lets several checkouts share compiled objects.
+  if command -v ccache >/dev/null 2>&1; then
+    export CCACHE_BASEDIR=$ROOT
+    launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache -DCMAKE_C_COMPILER_LAUNCHER=ccache)
+  fi
   cmake -S "$ROOT" -B "$dir" -G Ninja -DTOLVANGER_DEPS_PREFIX="$DEPS_PREFIX" \
-    -DTOLVANGER_MCP_SDK_DIR="$MCP_SDK_DIR" "$@" >/dev/null
+    -DTOLVANGER_MCP_SDK_DIR="$MCP_SDK_DIR" "${launcher[@]}" "$@" >/dev/null
 }
