@@ -5,9 +5,20 @@
 # UndefinedBehaviorSanitizer, and the threaded parts once more under
 # ThreadSanitizer.
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
-bootstrap
 
 step() { printf '\n== %s\n' "$*"; }
+
+# A warm deps cache would hide a mirror that no longer serves what a fresh
+# machine needs; fetching the sources into an empty directory shows it.
+step "the mirror still serves OpenSSL and curl sources"
+fetch_check=$(mktemp -d)
+trap 'rm -rf "$fetch_check"' EXIT
+TOLVANGER_DEPS_CACHE=$fetch_check bash "$ROOT/scripts/bootstrap.sh" --fetch-only
+rm -rf "$fetch_check"
+trap - EXIT
+
+step "set-up"
+bootstrap
 
 step "formatting"
 cd "$ROOT"
