@@ -86,7 +86,7 @@ TEST(CloudSealPadding, LayoutAndUnpadFailures) {
       {{0, 0, 0, 2, 'a'}, pastText},
       {{0xff, 0xff, 0xff, 0xff}, pastText}};
   for (const auto& [input, words] : bad) {
-    EXPECT_EQ(failure([&] { CloudSeal::unpad(input); }), words);
+    EXPECT_EQ(failure([&input = input] { CloudSeal::unpad(input); }), words);
   }
 
   EXPECT_EQ(toString(CloudSeal::aad("call", "x1")),

@@ -186,7 +186,9 @@ TEST_F(PairingClientTest, EveryWrongAnswerHasItsWords) {
   // The sealed answer must be bound to this phone's offer as a pairing.
   for (const auto& [key, value] : std::vector<std::pair<std::string, json>>{
            {"id", "phone9"}, {"kind", "reply"}, {"v", 1}}) {
-    mac.outer = [&](json& reply) { reply["sealed"][key] = value; };
+    mac.outer = [&key = key, &value = value](json& reply) {
+      reply["sealed"][key] = value;
+    };
     EXPECT_EQ(errorOf([&] { confirm(); }),
               prefix + "that pairing answer is not for this phone's offer")
         << key;

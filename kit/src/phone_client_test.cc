@@ -315,7 +315,7 @@ TEST_F(SealedRoadTest, EveryFailureHasItsWords) {
       {{{"status", 200}}, "the reply did not decode"},
   };
   for (const auto& [reply, error] : routes) {
-    mac.route = [&](const json&) { return reply; };
+    mac.route = [&reply = reply](const json&) { return reply; };
     EXPECT_EQ(errorOf([&] { road.pending(); }), error);
   }
   mac.route = FakeMac().route;

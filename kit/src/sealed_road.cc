@@ -213,13 +213,13 @@ CloudCard SealedRoad::refreshCard() {
   if (!card || card->daemonID != daemonID_) {
     throw RequestError::daemon("that Mac's card came back wrong");
   }
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   card_ = card;
   return *std::move(card);
 }
 
 std::optional<CloudCard> SealedRoad::card() const {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   return card_;
 }
 

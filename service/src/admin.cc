@@ -19,7 +19,7 @@ Admin::Admin(const Home& home)
 Admin::Admin(const std::string& path, std::optional<std::string> client,
              const std::string& role)
     : path_(path) {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   fd_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (fd_ < 0) throw ServiceError::internalFailure("could not make a socket");
   struct sockaddr_un address = {};
@@ -45,12 +45,12 @@ Admin::Admin(const std::string& path, std::optional<std::string> client,
 }
 
 Admin::~Admin() {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   if (fd_ >= 0) ::close(fd_);
 }
 
 json Admin::call(const json& object) {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   return callLocked(object);
 }
 

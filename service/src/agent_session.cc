@@ -117,7 +117,7 @@ bool AgentSession::feed(std::string_view bytes) {
 
 void AgentSession::sendLine(const json& object) {
   const std::string line = dumpLine(object);
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   // After `end` the connection's descriptor may be closed and reused: an
   // event that raced with the end must not reach whoever has it now.
   if (ended_) return;
@@ -133,7 +133,7 @@ json AgentSession::handleLine(std::string_view line) {
     if (*op == "hello") return hello(object);
     std::optional<std::string> role, client;
     {
-      std::lock_guard<std::mutex> lock(mu_);
+      MutexLock lock(mu_);
       role = role_;
       client = client_;
     }
@@ -152,7 +152,7 @@ json AgentSession::hello(const json& line) {
   if (client && (!Ids::isID(*client) || client->size() > 32)) client.reset();
   bool first = false;
   {
-    std::lock_guard<std::mutex> lock(mu_);
+    MutexLock lock(mu_);
     first = !role_.has_value();
     role_ = role;
     client_ = client;
@@ -320,7 +320,7 @@ json AgentSession::poll(const json& line) {
 }
 
 json AgentSession::subscribe() {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   if (!subscription_) {
     std::weak_ptr<AgentSession> weak = weak_from_this();
     subscription_ = service_.events.subscribe([weak](const json& event) {
@@ -337,7 +337,7 @@ json AgentSession::subscribe() {
 json AgentSession::unsubscribe() {
   std::optional<int64_t> key;
   {
-    std::lock_guard<std::mutex> lock(mu_);
+    MutexLock lock(mu_);
     key = std::exchange(subscription_, std::nullopt);
   }
   if (key) service_.events.unsubscribe(*key);
@@ -349,7 +349,7 @@ void AgentSession::end() {
   std::optional<std::string> client;
   bool saidHello = false;
   {
-    std::lock_guard<std::mutex> lock(mu_);
+    MutexLock lock(mu_);
     if (ended_) return;
     ended_ = true;
     key = std::exchange(subscription_, std::nullopt);

@@ -70,7 +70,7 @@ void AgentSocket::start() {
     throw ServiceError::internalFailure("could not listen on " + path_);
   }
   {
-    std::lock_guard<std::mutex> lock(mu_);
+    MutexLock lock(mu_);
     listener_ = fd;
     running_ = true;
   }
@@ -81,7 +81,7 @@ void AgentSocket::start() {
 void AgentSocket::stop() {
   int listener = -1;
   {
-    std::lock_guard<std::mutex> lock(mu_);
+    MutexLock lock(mu_);
     if (!running_) return;
     running_ = false;
     listener = std::exchange(listener_, -1);
@@ -92,9 +92,9 @@ void AgentSocket::stop() {
   ::shutdown(listener, SHUT_RDWR);
   if (acceptThread_.joinable()) acceptThread_.join();
   ::unlink(path_.c_str());
-  std::unique_lock<std::mutex> lock(mu_);
+  UniqueLock lock(mu_);
   for (int fd : connections_) ::shutdown(fd, SHUT_RDWR);
-  idle_.wait(lock, [this] { return connections_.empty(); });
+  idle_.wait(lock, [this]() REQUIRES(mu_) { return connections_.empty(); });
 }
 
 void AgentSocket::acceptLoop(int listener) {
@@ -122,7 +122,7 @@ void AgentSocket::acceptLoop(int listener) {
                      : "pid-" + std::to_string(peer->pid);
     }
     {
-      std::lock_guard<std::mutex> lock(mu_);
+      MutexLock lock(mu_);
       if (!running_) {
         ::close(fd);
         break;
@@ -159,7 +159,7 @@ void AgentSocket::serve(int fd, std::string process, pid_t pid) {
     session->end();
   }
   crypto::releaseThreadState();
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   ::close(fd);
   connections_.erase(fd);
   if (connections_.empty()) idle_.notify_all();

@@ -29,7 +29,7 @@ Callers::Callers(Clock now)
 
 void Callers::hello(std::string client, std::string agent, std::string scope) {
   const int64_t at = now_();
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   auto same = std::find_if(rows_.begin(), rows_.end(), [&](const Caller& c) {
     return c.client == client && c.agent == agent && c.scope == scope;
   });
@@ -46,24 +46,24 @@ void Callers::hello(std::string client, std::string agent, std::string scope) {
 }
 
 void Callers::goodbye(std::string_view /*client*/, std::string_view /*agent*/) {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   if (open_ > 0) --open_;
   if (open_ > 0) return;
   for (Caller& c : rows_) c.live = false;
 }
 
 bool Callers::connected() const {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   return open_ > 0;
 }
 
 std::vector<Caller> Callers::all() const {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   return rows_;
 }
 
 std::optional<Caller> Callers::last() const {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   if (rows_.empty()) return std::nullopt;
   return rows_.front();
 }

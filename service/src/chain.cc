@@ -118,7 +118,7 @@ Chain::Chain(Home home, Clock nowMS)
 
 void Chain::raised(const std::string& id) {
   const int64_t now = nowMS_();
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   if (raisedAt_.contains(id)) {
     order_.erase(std::find(order_.begin(), order_.end(), id));
   }
@@ -133,7 +133,7 @@ void Chain::raised(const std::string& id) {
 void Chain::answered(const std::string& id, std::string_view road,
                      const nlohmann::json* stamps) {
   const int64_t now = nowMS_();
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   auto it = raisedAt_.find(id);
   if (it == raisedAt_.end()) return;
   const int64_t raisedAt = it->second;

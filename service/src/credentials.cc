@@ -81,7 +81,7 @@ int64_t Credentials::put(std::string requestID, std::string name,
                    .held = Held(value)};
   std::optional<Credential> replaced;
   {
-    std::lock_guard lock(mu_);
+    MutexLock lock(mu_);
     auto it = byRequest_.find(requestID);
     if (it != byRequest_.end()) {
       replaced.emplace(std::move(it->second));
@@ -101,7 +101,7 @@ std::optional<Spent> Credentials::take(std::string_view requestID) {
   sweep();
   Map::node_type node;
   {
-    std::lock_guard lock(mu_);
+    MutexLock lock(mu_);
     auto it = byRequest_.find(requestID);
     if (it == byRequest_.end()) return std::nullopt;
     node = byRequest_.extract(it);
@@ -123,14 +123,14 @@ std::optional<Spent> Credentials::take(std::string_view requestID) {
 
 bool Credentials::waiting(std::string_view requestID) {
   sweep();
-  std::lock_guard lock(mu_);
+  MutexLock lock(mu_);
   return byRequest_.find(requestID) != byRequest_.end();
 }
 
 void Credentials::discard(std::string_view requestID) {
   Map::node_type node;
   {
-    std::lock_guard lock(mu_);
+    MutexLock lock(mu_);
     auto it = byRequest_.find(requestID);
     if (it == byRequest_.end()) return;
     node = byRequest_.extract(it);
@@ -142,7 +142,7 @@ size_t Credentials::sweep() {
   const int64_t now = now_();
   std::vector<Map::node_type> removed;
   {
-    std::lock_guard lock(mu_);
+    MutexLock lock(mu_);
     for (auto it = byRequest_.begin(); it != byRequest_.end();) {
       auto next = std::next(it);
       if (it->second.hasExpired(now)) removed.push_back(byRequest_.extract(it));
@@ -155,14 +155,14 @@ size_t Credentials::sweep() {
 
 size_t Credentials::count() {
   sweep();
-  std::lock_guard lock(mu_);
+  MutexLock lock(mu_);
   return byRequest_.size();
 }
 
 void Credentials::scrubAll() {
   Map all;
   {
-    std::lock_guard lock(mu_);
+    MutexLock lock(mu_);
     all.swap(byRequest_);
   }
   for (auto& [id, credential] : all) credential.held.scrub();

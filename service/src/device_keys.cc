@@ -4,7 +4,7 @@ namespace tolvanger::service {
 
 DeviceKeys::Parsed DeviceKeys::of(const Device& device) {
   {
-    std::lock_guard<std::mutex> lock(mu_);
+    MutexLock lock(mu_);
     const auto it = entries_.find(device.deviceID);
     if (it != entries_.end() && it->second.spki == device.spki &&
         it->second.pq == device.pq) {
@@ -12,7 +12,7 @@ DeviceKeys::Parsed DeviceKeys::of(const Device& device) {
     }
   }
   Parsed parsed{device.publicKey(), device.pqPublicKey()};
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   entries_[device.deviceID] = Entry{device.spki, device.pq, parsed};
   return parsed;
 }

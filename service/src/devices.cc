@@ -172,7 +172,7 @@ Devices::Devices(Home home) : home_(std::move(home)) {
     loaded.push_back(std::move(*device));
   }
 
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   for (Device& device : loaded) {
     std::string id = device.deviceID;
     if (!byID_.emplace(id, std::move(device)).second) {
@@ -194,19 +194,19 @@ std::vector<Device> Devices::sortedLocked() const {
 }
 
 std::vector<Device> Devices::all() const {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   return sortedLocked();
 }
 
 std::optional<Device> Devices::device(std::string_view id) const {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   auto it = byID_.find(id);
   if (it == byID_.end()) return std::nullopt;
   return it->second;
 }
 
 size_t Devices::count() const {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   return byID_.size();
 }
 
@@ -216,7 +216,7 @@ void Devices::put(Device device) {
   std::vector<Device> snapshot;
   uint64_t version;
   {
-    std::lock_guard<std::mutex> lock(mu_);
+    MutexLock lock(mu_);
     std::string id = device.deviceID;
     byID_.insert_or_assign(std::move(id), std::move(device));
     version = ++version_;
@@ -230,7 +230,7 @@ bool Devices::edit(std::string_view id,
   std::vector<Device> snapshot;
   uint64_t version;
   {
-    std::lock_guard<std::mutex> lock(mu_);
+    MutexLock lock(mu_);
     auto it = byID_.find(id);
     if (it == byID_.end()) return false;
     Device copy = it->second;
@@ -248,7 +248,7 @@ bool Devices::forget(std::string_view id) {
   std::vector<Device> snapshot;
   uint64_t version;
   {
-    std::lock_guard<std::mutex> lock(mu_);
+    MutexLock lock(mu_);
     auto it = byID_.find(id);
     if (it == byID_.end()) return false;
     byID_.erase(it);
@@ -269,7 +269,7 @@ std::optional<Device> Devices::authenticate(std::string_view deviceID,
 }
 
 void Devices::persist(const std::vector<Device>& list, uint64_t version) {
-  std::lock_guard<std::mutex> lock(writeMu_);
+  MutexLock lock(writeMu_);
   if (version <= written_) return;
   written_ = version;
   try {

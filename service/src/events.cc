@@ -5,26 +5,26 @@
 namespace tolvanger::service {
 
 int64_t Events::subscribe(Sink sink) {
-  std::lock_guard lock(mu_);
+  MutexLock lock(mu_);
   int64_t key = next_++;
   sinks_.emplace(key, std::move(sink));
   return key;
 }
 
 void Events::unsubscribe(int64_t key) {
-  std::lock_guard lock(mu_);
+  MutexLock lock(mu_);
   sinks_.erase(key);
 }
 
 size_t Events::listeners() {
-  std::lock_guard lock(mu_);
+  MutexLock lock(mu_);
   return sinks_.size();
 }
 
 void Events::emit(const nlohmann::json& object) {
   std::vector<Sink> sinks;
   {
-    std::lock_guard lock(mu_);
+    MutexLock lock(mu_);
     sinks.reserve(sinks_.size());
     for (const auto& [key, sink] : sinks_) sinks.push_back(sink);
   }

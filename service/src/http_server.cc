@@ -258,7 +258,7 @@ HTTPServer::HTTPServer(RouteHandler routes, std::vector<std::string> addresses,
 HTTPServer::~HTTPServer() { stop(); }
 
 bool HTTPServer::running() const {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   return running_;
 }
 
@@ -302,7 +302,7 @@ void HTTPServer::start() {
     throw;
   }
   {
-    std::lock_guard<std::mutex> lock(mu_);
+    MutexLock lock(mu_);
     listeners_ = opened;
     running_ = true;
   }
@@ -315,7 +315,7 @@ void HTTPServer::start() {
     startedAll = false;
   }
   {
-    std::lock_guard<std::mutex> lock(mu_);
+    MutexLock lock(mu_);
     acceptThreads_ = std::move(threads);
   }
   if (!startedAll) {
@@ -328,7 +328,7 @@ void HTTPServer::stop() {
   std::vector<int> listeners;
   std::vector<std::thread> acceptThreads;
   {
-    std::lock_guard<std::mutex> lock(mu_);
+    MutexLock lock(mu_);
     running_ = false;
     listeners = std::exchange(listeners_, {});
     acceptThreads = std::exchange(acceptThreads_, {});
@@ -344,7 +344,7 @@ void HTTPServer::stop() {
   // descriptor, under the lock, so none is shut down after reuse.
   std::list<Peer> peers;
   {
-    std::lock_guard<std::mutex> lock(mu_);
+    MutexLock lock(mu_);
     for (const auto& peer : peers_) {
       if (peer.fd >= 0) ::shutdown(peer.fd, SHUT_RDWR);
     }
@@ -370,7 +370,7 @@ void HTTPServer::acceptLoop(int listener) {
     }
     std::vector<std::thread> finished;
     {
-      std::lock_guard<std::mutex> lock(mu_);
+      MutexLock lock(mu_);
       if (!running_) {
         ::close(fd);
         return;
@@ -404,7 +404,7 @@ void HTTPServer::serve(Peer* peer, int fd) {
     linger(fd);
   }
   crypto::releaseThreadState();
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   ::close(fd);
   peer->fd = -1;
   peer->done = true;

@@ -9,7 +9,7 @@
 #include <atomic>
 #include <chrono>
 #include <memory>
-#include <mutex>
+#include "tolvanger/kit/mutex.h"
 #include <string>
 #include <thread>
 #include <vector>
@@ -169,7 +169,7 @@ class HTTPServerTest : public ::testing::Test {
     return std::make_unique<HTTPServer>(
         [this](std::string_view method, std::string_view path,
                std::string_view body) {
-          std::lock_guard<std::mutex> lock(mu_);
+          MutexLock lock(mu_);
           seen_.push_back(
               {std::string(method), std::string(path), std::string(body)});
           if (path == "/missing") {
@@ -192,13 +192,13 @@ class HTTPServerTest : public ::testing::Test {
   }
 
   std::vector<Seen> seen() {
-    std::lock_guard<std::mutex> lock(mu_);
+    MutexLock lock(mu_);
     return seen_;
   }
 
   int port_ = 0;
   std::unique_ptr<HTTPServer> server_;
-  std::mutex mu_;
+  Mutex mu_;
   std::vector<Seen> seen_;
 };
 

@@ -35,7 +35,7 @@ Identity::Identity(Home home)
     : home_(std::move(home)), cloudKey_(crypto::XWingPrivateKey::generate()) {}
 
 crypto::P256PrivateKey Identity::ensure() {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   if (signing_ && signingPQ_) return *signing_;
 
   std::optional<crypto::P256PrivateKey> signing = signing_;
@@ -79,7 +79,7 @@ crypto::P256PrivateKey Identity::ensure() {
 
 crypto::MLDSA65PrivateKey Identity::pqKey() {
   ensure();
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   if (!signingPQ_) throw IdentityError::unreadable("no post-quantum key");
   return *signingPQ_;
 }

@@ -69,7 +69,7 @@ std::string line(int64_t at, std::string_view event,
 
 void Journal::write(std::string_view event, const JournalFields& fields) {
   std::string text = line(now_(), event, fields);
-  std::lock_guard lock(mu_);
+  MutexLock lock(mu_);
   (void)home_.appendLine(fileName, text);
 }
 

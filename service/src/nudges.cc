@@ -35,25 +35,25 @@ Nudge Nudges::raise(std::string_view kind) {
   }
   const int64_t now = now_();
   Nudge nudge{Random::hex(8), std::string(kind), now, now + window_};
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   held_ = nudge;
   return nudge;
 }
 
 std::optional<Nudge> Nudges::current() {
   const int64_t now = now_();
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   if (held_ && held_->expiresAt <= now) held_.reset();
   return held_;
 }
 
 void Nudges::clear() {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   held_.reset();
 }
 
 bool Nudges::clearIf(std::string_view id) {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   if (!held_ || held_->id != id) return false;
   held_.reset();
   return true;

@@ -146,7 +146,7 @@ PairOpened Pairing::open(std::optional<std::string> host,
                .fingerprint = identity_.fingerprint()};
   int64_t expiresAt;
   {
-    std::lock_guard<std::mutex> lock(mu_);
+    MutexLock lock(mu_);
     session.opensAt = now_();
     session.expiresAt =
         session.opensAt + seconds.value_or(config_.pairWindowSeconds);
@@ -160,7 +160,7 @@ PairOpened Pairing::open(std::optional<std::string> host,
 }
 
 std::optional<PairSession> Pairing::session() const {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   if (!current_ || current_->expiresAt <= now_()) return std::nullopt;
   return current_;
 }
@@ -177,14 +177,14 @@ json Pairing::status() const {
 }
 
 void Pairing::cancel() {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   current_.reset();
 }
 
 PairOffer Pairing::offer(std::string_view token, std::string_view deviceID,
                          std::string_view name, const OfferedKeys& keys) {
   // Held throughout, so that two phones cannot both offer on one window.
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   if (!current_ || current_->expiresAt <= now_()) {
     throw ServiceError::refused("no pairing window is open");
   }
@@ -255,7 +255,7 @@ PairResult Pairing::confirm(std::string_view token, std::string_view code) {
   PairSession session;
   int64_t now;
   {
-    std::lock_guard<std::mutex> lock(mu_);
+    MutexLock lock(mu_);
     now = now_();
     if (!current_ || current_->expiresAt <= now ||
         current_->state != PairSession::kOffered ||
@@ -345,7 +345,7 @@ PairResult Pairing::recover(std::string_view code, std::string_view name,
   } else {
     int64_t now;
     {
-      std::lock_guard<std::mutex> lock(mu_);
+      MutexLock lock(mu_);
       now = now_();
       if (blindPausedUntil_ > now)
         throw ServiceError::refused(std::string(kNoRecovery));
@@ -356,7 +356,7 @@ PairResult Pairing::recover(std::string_view code, std::string_view name,
       if (opened) break;
     }
     if (!opened) {
-      std::lock_guard<std::mutex> lock(mu_);
+      MutexLock lock(mu_);
       if (++blindFailures_ >= kBlindLimit) {
         blindFailures_ = 0;
         blindPausedUntil_ = now + kBlindPauseSeconds;
@@ -365,7 +365,7 @@ PairResult Pairing::recover(std::string_view code, std::string_view name,
   }
   if (!opened) throw ServiceError::refused(std::string(kNoRecovery));
   {
-    std::lock_guard<std::mutex> lock(mu_);
+    MutexLock lock(mu_);
     blindFailures_ = 0;
   }
   PairResult result{paired(*opened), std::move(*opened)};

@@ -184,7 +184,7 @@ TEST_F(PairingTest, WrongTokensPicksAndTimeCloseOrKeepTheWindow) {
       {json{{"token", token}}, "that offer is missing something"},
   };
   for (const auto& [body, sentence] : offers) {
-    EXPECT_EQ(refusal([&] { pairing_.offer(body); }), sentence);
+    EXPECT_EQ(refusal([&, &body = body] { pairing_.offer(body); }), sentence);
   }
   // Confirming before any offer leaves the window open.
   EXPECT_EQ(refusal([&] {

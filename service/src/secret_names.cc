@@ -230,12 +230,12 @@ SecretNames::SecretNames(Home home) : home_(std::move(home)) {
     std::string name = secret->name;
     loaded.insert_or_assign(std::move(name), std::move(*secret));
   }
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   names_ = std::move(loaded);
 }
 
 std::vector<SecretName> SecretNames::all() const {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   std::vector<SecretName> out;
   out.reserve(names_.size());
   for (const auto& [name, secret] : names_) out.push_back(secret);
@@ -243,14 +243,14 @@ std::vector<SecretName> SecretNames::all() const {
 }
 
 std::optional<SecretName> SecretNames::get(std::string_view name) const {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   auto it = names_.find(name);
   if (it == names_.end()) return std::nullopt;
   return it->second;
 }
 
 bool SecretNames::has(std::string_view name) const {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   return names_.find(name) != names_.end();
 }
 
@@ -265,7 +265,7 @@ std::vector<std::string> SecretNames::replace(std::vector<SecretName> list) {
   std::vector<SecretName> snapshot;
   uint64_t version;
   {
-    std::lock_guard<std::mutex> lock(mu_);
+    MutexLock lock(mu_);
     for (const auto& [name, secret] : fresh) {
       if (names_.find(name) == names_.end()) added.push_back(name);
       snapshot.push_back(secret);
@@ -279,7 +279,7 @@ std::vector<std::string> SecretNames::replace(std::vector<SecretName> list) {
 
 void SecretNames::persist(const std::vector<SecretName>& list,
                           uint64_t version) {
-  std::lock_guard<std::mutex> lock(writeMu_);
+  MutexLock lock(writeMu_);
   if (version <= written_) return;
   written_ = version;
   try {

@@ -58,7 +58,7 @@ Store::Store(Home home, int64_t graceSeconds, Clock now)
       now_(std::move(now)) {
   std::optional<std::string> log = home_.read(kDecidedLog);
   if (!log || !Text::isValidUTF8(*log)) return;
-  std::lock_guard lock(mu_);
+  MutexLock lock(mu_);
   size_t start = 0;
   while (start <= log->size()) {
     size_t end = log->find('\n', start);
@@ -69,7 +69,7 @@ Store::Store(Home home, int64_t graceSeconds, Clock now)
 }
 
 std::string Store::mint() {
-  std::lock_guard lock(mu_);
+  MutexLock lock(mu_);
   for (;;) {
     std::string id = "r" + Random::hex(8);
     if (!requests_.contains(id) && !decided_.contains(id)) return id;
@@ -77,7 +77,7 @@ std::string Store::mint() {
 }
 
 void Store::put(StoredRequest request) {
-  std::lock_guard lock(mu_);
+  MutexLock lock(mu_);
   std::string id = request.id;
   const int64_t due = dueLocked(request);
   requests_.insert_or_assign(std::move(id), std::move(request));
@@ -86,7 +86,7 @@ void Store::put(StoredRequest request) {
 }
 
 std::optional<StoredRequest> Store::get(std::string_view id) {
-  std::lock_guard lock(mu_);
+  MutexLock lock(mu_);
   sweepLocked(now_());
   auto it = requests_.find(id);
   if (it == requests_.end()) return std::nullopt;
@@ -94,7 +94,7 @@ std::optional<StoredRequest> Store::get(std::string_view id) {
 }
 
 std::vector<StoredRequest> Store::pending() {
-  std::lock_guard lock(mu_);
+  MutexLock lock(mu_);
   sweepLocked(now_());
   std::vector<StoredRequest> out;
   for (const auto& [id, request] : requests_) {
@@ -109,7 +109,7 @@ std::vector<StoredRequest> Store::pending() {
 
 StoredRequest Store::decide(std::string_view id, RequestState state,
                             std::optional<std::string> deviceID) {
-  std::lock_guard lock(mu_);
+  MutexLock lock(mu_);
   const int64_t now = now_();
   sweepLocked(now);
   auto it = requests_.find(id);
@@ -135,7 +135,7 @@ StoredRequest Store::decide(std::string_view id, RequestState state,
 }
 
 StoredRequest Store::take(std::string_view id) {
-  std::lock_guard lock(mu_);
+  MutexLock lock(mu_);
   const int64_t now = now_();
   auto it = requests_.find(id);
   if (it == requests_.end()) throw ServiceError::refused("no such request");
@@ -156,7 +156,7 @@ StoredRequest Store::take(std::string_view id) {
 }
 
 bool Store::wasDecided(std::string_view id) {
-  std::lock_guard lock(mu_);
+  MutexLock lock(mu_);
   return decided_.contains(id);
 }
 

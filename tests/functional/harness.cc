@@ -169,7 +169,7 @@ Child::Child(std::vector<std::string> argv,
     for (;;) {
       const ssize_t n = ::read(fd, buf, sizeof(buf));
       if (n < 0 && errno == EINTR) continue;
-      std::lock_guard<std::mutex> lock(mu_);
+      MutexLock lock(mu_);
       if (n <= 0) {
         outEnded_ = true;
         outChanged_.notify_all();
@@ -203,7 +203,7 @@ bool Child::write(const std::string& bytes) {
 }
 
 std::optional<std::string> Child::readLine(std::chrono::milliseconds limit) {
-  std::unique_lock<std::mutex> lock(mu_);
+  UniqueLock lock(mu_);
   size_t nl = std::string::npos;
   outChanged_.wait_for(lock, limit, [&] {
     nl = ran_.out.find('\n', consumed_);
@@ -239,7 +239,7 @@ Ran Child::wait(std::chrono::milliseconds limit) {
   }
   if (out_.joinable()) out_.join();
   if (err_.joinable()) err_.join();
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   return ran_;
 }
 

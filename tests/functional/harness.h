@@ -9,7 +9,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <functional>
-#include <mutex>
+#include "tolvanger/kit/mutex.h"
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
@@ -103,8 +103,8 @@ class Child {
   pid_t pid_ = -1;
   int in_ = -1;
   Ran ran_;
-  std::mutex mu_;  // guards ran_.out, consumed_ and outEnded_ while running
-  std::condition_variable outChanged_;
+  Mutex mu_;  // guards ran_.out, consumed_ and outEnded_ while running
+  CondVar outChanged_;
   size_t consumed_ = 0;
   bool outEnded_ = false;
   std::thread out_, err_;

@@ -22,7 +22,7 @@
 #include <cerrno>
 #include <charconv>
 #include <fstream>
-#include <mutex>
+#include "tolvanger/kit/mutex.h"
 #include <optional>
 #include <set>
 #include <stdexcept>
@@ -191,7 +191,7 @@ struct HTTPSUpstream::State {
   int port = 0;
   std::thread acceptor;
 
-  mutable std::mutex mu;
+  mutable Mutex mu;
   bool stopping = false;                 // guarded by mu
   std::vector<Received> received;        // guarded by mu
   std::set<int> open;                    // guarded by mu
@@ -213,7 +213,7 @@ void HTTPSUpstream::State::acceptLoop() {
     if (fds[1].revents != 0) return;
     const int fd = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
     if (fd < 0) continue;
-    std::lock_guard<std::mutex> lock(mu);
+    MutexLock lock(mu);
     if (stopping) {
       ::close(fd);
       return;
@@ -249,7 +249,7 @@ void HTTPSUpstream::State::serve(int fd) {
   }
   ERR_clear_error();
   crypto::releaseThreadState();
-  std::lock_guard<std::mutex> lock(mu);
+  MutexLock lock(mu);
   open.erase(fd);
   ::close(fd);
 }
@@ -309,7 +309,7 @@ void HTTPSUpstream::State::converse(SSL* ssl) {
         version == "HTTP/1.0" || (connection != request.headers.end() &&
                                   lower(connection->second) == "close");
     {
-      std::lock_guard<std::mutex> lock(mu);
+      MutexLock lock(mu);
       received.push_back(request);
     }
 
@@ -395,7 +395,7 @@ HTTPSUpstream::HTTPSUpstream(Handler handler)
 HTTPSUpstream::~HTTPSUpstream() {
   State& s = *state_;
   {
-    std::lock_guard<std::mutex> lock(s.mu);
+    MutexLock lock(s.mu);
     s.stopping = true;
   }
   const char byte = 'x';
@@ -407,7 +407,7 @@ HTTPSUpstream::~HTTPSUpstream() {
   s.acceptor.join();
   std::vector<std::thread> connections;
   {
-    std::lock_guard<std::mutex> lock(s.mu);
+    MutexLock lock(s.mu);
     for (int fd : s.open) ::shutdown(fd, SHUT_RDWR);
     connections.swap(s.connections);
   }
@@ -436,7 +436,7 @@ void HTTPSUpstream::writeCA(const std::string& path) const {
 }
 
 std::vector<HTTPSUpstream::Received> HTTPSUpstream::received() const {
-  std::lock_guard<std::mutex> lock(state_->mu);
+  MutexLock lock(state_->mu);
   return state_->received;
 }
 

@@ -21,7 +21,6 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
@@ -31,6 +30,7 @@
 #include "tolvanger/kit/cloud_card.h"
 #include "tolvanger/kit/cloud_seal.h"
 #include "tolvanger/kit/crypto/xwing.h"
+#include "tolvanger/kit/mutex.h"
 #include "tolvanger/kit/phone_client.h"
 #include "tolvanger/kit/phone_request.h"
 #include "tolvanger/kit/thread_annotations.h"
@@ -159,7 +159,7 @@ class SealedRoad {
   crypto::XWingPrivateKey cloudKey_;
   Bytes pinnedDaemonSPKI_;
   std::optional<Bytes> pinnedDaemonPQ_;
-  mutable std::mutex mu_;
+  mutable Mutex mu_;
   std::optional<CloudCard> card_ GUARDED_BY(mu_);
 };
 

@@ -12,6 +12,23 @@
 #define TOLVANGER_THREAD_ANNOTATION(x)
 #endif
 
+// The type is a lock; `x` names its kind in the compiler's messages.
+#define CAPABILITY(x) TOLVANGER_THREAD_ANNOTATION(capability(x))
+
+// The type holds a lock for its own lifetime.
+#define SCOPED_CAPABILITY TOLVANGER_THREAD_ANNOTATION(scoped_lockable)
+
+// The function takes, or gives back, the locks named in `...` (itself when
+// empty).
+#define ACQUIRE(...) \
+  TOLVANGER_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
+#define RELEASE(...) \
+  TOLVANGER_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
+
+// The function is not checked: for the few places the analysis cannot follow.
+#define NO_THREAD_SAFETY_ANALYSIS \
+  TOLVANGER_THREAD_ANNOTATION(no_thread_safety_analysis)
+
 // The member may be read or written only while holding `x`.
 #define GUARDED_BY(x) TOLVANGER_THREAD_ANNOTATION(guarded_by(x))
 

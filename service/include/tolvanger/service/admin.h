@@ -8,7 +8,7 @@
 #ifndef TOLVANGER_SERVICE_ADMIN_H_
 #define TOLVANGER_SERVICE_ADMIN_H_
 
-#include <mutex>
+#include "tolvanger/kit/mutex.h"
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
@@ -45,7 +45,7 @@ class Admin {
   nlohmann::json callLocked(const nlohmann::json& object) REQUIRES(mu_);
 
   const std::string path_;
-  std::mutex mu_;
+  Mutex mu_;
   int fd_ GUARDED_BY(mu_) = -1;
   std::string buffer_ GUARDED_BY(mu_);
   nlohmann::json greeting_;

@@ -18,7 +18,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
+#include "tolvanger/kit/mutex.h"
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
@@ -91,7 +91,7 @@ class AgentSession : public std::enable_shared_from_this<AgentSession> {
   const std::atomic<bool>* stopping_;
   std::string pending_;  // the connection thread's own; no lock
 
-  std::mutex mu_;
+  Mutex mu_;
   std::optional<std::string> role_ GUARDED_BY(mu_);
   std::optional<std::string> client_ GUARDED_BY(mu_);
   std::optional<int64_t> subscription_ GUARDED_BY(mu_);

@@ -15,7 +15,7 @@
 
 #include <atomic>
 #include <condition_variable>
-#include <mutex>
+#include "tolvanger/kit/mutex.h"
 #include <set>
 #include <string>
 #include <thread>
@@ -54,8 +54,8 @@ class AgentSocket {
   std::atomic<bool> stopping_{false};
   std::thread acceptThread_;
 
-  std::mutex mu_;
-  std::condition_variable idle_;
+  Mutex mu_;
+  CondVar idle_;
   int listener_ GUARDED_BY(mu_) = -1;
   bool running_ GUARDED_BY(mu_) = false;
   std::set<int> connections_ GUARDED_BY(mu_);

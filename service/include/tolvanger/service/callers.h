@@ -15,7 +15,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <mutex>
+#include "tolvanger/kit/mutex.h"
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
@@ -74,7 +74,7 @@ class Callers {
 
  private:
   const Clock now_;
-  mutable std::mutex mu_;
+  mutable Mutex mu_;
   std::vector<Caller> rows_ GUARDED_BY(mu_);
   int64_t open_ GUARDED_BY(mu_) = 0;
 };

@@ -18,7 +18,7 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
-#include <mutex>
+#include "tolvanger/kit/mutex.h"
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
@@ -106,7 +106,7 @@ class Chain {
  private:
   const Home home_;
   const Clock nowMS_;
-  std::mutex mu_;
+  Mutex mu_;
   std::unordered_map<std::string, int64_t> raisedAt_ GUARDED_BY(mu_);
   std::deque<std::string> order_ GUARDED_BY(mu_);
 };

@@ -20,7 +20,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
-#include <mutex>
+#include "tolvanger/kit/mutex.h"
 #include <optional>
 #include <string>
 #include <string_view>
@@ -145,7 +145,7 @@ class Credentials {
 
   const int64_t ceiling_;
   const Clock now_;
-  std::mutex mu_;
+  Mutex mu_;
   Map byRequest_ GUARDED_BY(mu_);
 };
 

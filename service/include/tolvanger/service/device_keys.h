@@ -13,7 +13,7 @@
 #define TOLVANGER_SERVICE_DEVICE_KEYS_H_
 
 #include <map>
-#include <mutex>
+#include "tolvanger/kit/mutex.h"
 #include <optional>
 #include <string>
 
@@ -41,7 +41,7 @@ class DeviceKeys {
     std::optional<Bytes> pq;
     Parsed parsed;
   };
-  std::mutex mu_;
+  Mutex mu_;
   std::map<std::string, Entry, std::less<>> entries_ GUARDED_BY(mu_);
 };
 

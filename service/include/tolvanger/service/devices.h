@@ -18,7 +18,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
-#include <mutex>
+#include "tolvanger/kit/mutex.h"
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
@@ -117,12 +117,12 @@ class Devices {
   std::vector<Device> sortedLocked() const REQUIRES(mu_);
 
   const Home home_;
-  mutable std::mutex mu_;
+  mutable Mutex mu_;
   std::map<std::string, Device, std::less<>> byID_ GUARDED_BY(mu_);
   uint64_t version_ GUARDED_BY(mu_) = 0;
   // Orders writes of the file only (the home's scratch file is shared by all
   // writers of one name); never held together with `mu_`.
-  std::mutex writeMu_;
+  Mutex writeMu_;
   uint64_t written_ GUARDED_BY(writeMu_) = 0;
 };
 

@@ -13,7 +13,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
-#include <mutex>
+#include "tolvanger/kit/mutex.h"
 #include <nlohmann/json.hpp>
 
 #include "tolvanger/kit/thread_annotations.h"
@@ -39,7 +39,7 @@ class Events {
   void emit(const nlohmann::json& object) EXCLUDES(mu_);
 
  private:
-  std::mutex mu_;
+  Mutex mu_;
   std::map<int64_t, Sink> sinks_ GUARDED_BY(mu_);
   int64_t next_ GUARDED_BY(mu_) = 1;
 };

@@ -21,7 +21,7 @@
 #include <chrono>
 #include <cstddef>
 #include <list>
-#include <mutex>
+#include "tolvanger/kit/mutex.h"
 #include <optional>
 #include <string>
 #include <string_view>
@@ -130,7 +130,7 @@ class HTTPServer {
   const int port_;
   const std::chrono::milliseconds receiveTimeout_;
 
-  mutable std::mutex mu_;
+  mutable Mutex mu_;
   std::vector<int> listeners_ GUARDED_BY(mu_);
   std::vector<std::thread> acceptThreads_ GUARDED_BY(mu_);
   std::list<Peer> peers_ GUARDED_BY(mu_);

@@ -17,7 +17,7 @@
 #ifndef TOLVANGER_SERVICE_IDENTITY_H_
 #define TOLVANGER_SERVICE_IDENTITY_H_
 
-#include <mutex>
+#include "tolvanger/kit/mutex.h"
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <stdexcept>
@@ -87,7 +87,7 @@ class Identity {
 
  private:
   const Home home_;
-  std::mutex mu_;
+  Mutex mu_;
   std::optional<crypto::P256PrivateKey> signing_ GUARDED_BY(mu_);
   std::optional<crypto::MLDSA65PrivateKey> signingPQ_ GUARDED_BY(mu_);
   const crypto::XWingPrivateKey cloudKey_;

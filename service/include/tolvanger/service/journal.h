@@ -20,7 +20,7 @@
 #include <functional>
 #include <limits>
 #include <map>
-#include <mutex>
+#include "tolvanger/kit/mutex.h"
 #include <string>
 #include <string_view>
 #include <variant>
@@ -86,7 +86,7 @@ class Journal {
 
   const Home home_;
   const Clock now_;
-  std::mutex mu_;  // Serialises appends to journal.log.
+  Mutex mu_;  // Serialises appends to journal.log.
 };
 
 }  // namespace tolvanger::service

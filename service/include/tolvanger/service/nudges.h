@@ -13,7 +13,7 @@
 #include <array>
 #include <cstdint>
 #include <functional>
-#include <mutex>
+#include "tolvanger/kit/mutex.h"
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
@@ -70,7 +70,7 @@ class Nudges {
  private:
   const int64_t window_;
   const Clock now_;
-  std::mutex mu_;
+  Mutex mu_;
   std::optional<Nudge> held_ GUARDED_BY(mu_);
 };
 

@@ -24,7 +24,7 @@
 
 #include <cstdint>
 #include <functional>
-#include <mutex>
+#include "tolvanger/kit/mutex.h"
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
@@ -212,7 +212,7 @@ class Pairing {
   const Config config_;
   const Clock now_;
 
-  mutable std::mutex mu_;
+  mutable Mutex mu_;
   std::optional<PairSession> current_ GUARDED_BY(mu_);
   int64_t blindFailures_ GUARDED_BY(mu_) = 0;
   int64_t blindPausedUntil_ GUARDED_BY(mu_) = 0;

@@ -16,7 +16,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
-#include <mutex>
+#include "tolvanger/kit/mutex.h"
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
@@ -95,11 +95,11 @@ class SecretNames {
   void persist(const std::vector<SecretName>& list, uint64_t version);
 
   const Home home_;
-  mutable std::mutex mu_;
+  mutable Mutex mu_;
   std::map<std::string, SecretName, std::less<>> names_ GUARDED_BY(mu_);
   uint64_t version_ GUARDED_BY(mu_) = 0;
   // Orders writes of the file only; never held together with `mu_`.
-  std::mutex writeMu_;
+  Mutex writeMu_;
   uint64_t written_ GUARDED_BY(writeMu_) = 0;
 };
 

@@ -18,7 +18,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
-#include <mutex>
+#include "tolvanger/kit/mutex.h"
 #include <optional>
 #include <set>
 #include <string>
@@ -131,7 +131,7 @@ class Store {
   const int64_t graceSeconds_;
   const Clock now_;
 
-  std::mutex mu_;
+  Mutex mu_;
   std::map<std::string, StoredRequest, std::less<>> requests_ GUARDED_BY(mu_);
   std::set<std::string, std::less<>> decided_ GUARDED_BY(mu_);
   // No request falls due before this second; a sweep before it is skipped.
