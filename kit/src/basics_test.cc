@@ -7,6 +7,7 @@
 #include "tolvanger/kit/bytes.h"
 #include "tolvanger/kit/fingerprint.h"
 #include "tolvanger/kit/ids.h"
+#include "tolvanger/kit/json_fields.h"
 #include "tolvanger/kit/random.h"
 #include "tolvanger/kit/text.h"
 
@@ -84,6 +85,25 @@ TEST(Text, CountsUserPerceivedCharacters) {
 TEST(Fingerprint, FormOfTheDigest) {
   EXPECT_EQ(Fingerprint::of({}), "e3b0-c442-98fc-1c14");
   EXPECT_EQ(Fingerprint::of(asBytes("abc")), "ba78-16bf-8f01-cfea");
+}
+
+// One rule for integers from outside: whole numbers that fit int64_t, nothing
+// else, whichever way nlohmann stored them.
+TEST(JsonFields, IntegersFitSixtyFourSignedBitsOrAreAbsent) {
+  const nlohmann::json o = nlohmann::json::parse(
+      R"({"small":-3,"max":9223372036854775807,"over":9223372036854775808,
+          "huge":18446744073709551615,"float":2.0,"flag":true,"text":"7"})");
+  EXPECT_EQ(JsonFields::integer(o, "small"), -3);
+  EXPECT_EQ(JsonFields::integer(o, "max"), INT64_MAX);
+  for (const char* key : {"over", "huge", "float", "flag", "text", "none"}) {
+    EXPECT_EQ(JsonFields::integer(o, key), std::nullopt) << key;
+  }
+  EXPECT_EQ(JsonFields::integer(nlohmann::json::array({1}), "small"),
+            std::nullopt);
+  EXPECT_EQ(JsonFields::text(o, "text"), "7");
+  EXPECT_EQ(JsonFields::text(o, "small"), std::nullopt);
+  EXPECT_EQ(JsonFields::texts(nlohmann::json::parse(R"(["a",1])")),
+            std::nullopt);
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "tolvanger/kit/crypto/hpke.h"
+#include "tolvanger/kit/json_fields.h"
 
 namespace tolvanger {
 
@@ -26,13 +27,7 @@ const std::string* stringField(const Json& object, const char* key) {
 // Whether "v" holds the integer 2. A float, even 2.0, a boolean or a text
 // does not count.
 bool versionIsCurrent(const Json& object) {
-  auto it = object.find("v");
-  if (it == object.end()) return false;
-  if (it->is_number_unsigned()) {
-    return it->get<uint64_t>() == static_cast<uint64_t>(CloudSeal::version);
-  }
-  if (it->is_number_integer()) return it->get<int64_t>() == CloudSeal::version;
-  return false;
+  return JsonFields::integer(object, "v") == CloudSeal::version;
 }
 
 }  // namespace

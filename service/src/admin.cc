@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "tolvanger/kit/json_fields.h"
 #include "tolvanger/kit/service_error.h"
 
 namespace tolvanger::service {
@@ -93,8 +94,7 @@ std::string text(const json& o, const char* key, std::string fallback = "") {
   return it != o.end() && it->is_string() ? it->get<std::string>() : fallback;
 }
 int64_t number(const json& o, const char* key) {
-  const auto it = o.find(key);
-  return it != o.end() && it->is_number_integer() ? it->get<int64_t>() : 0;
+  return JsonFields::integer(o, key).value_or(0);
 }
 bool flag(const json& o, const char* key) {
   const auto it = o.find(key);

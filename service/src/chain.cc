@@ -2,11 +2,12 @@
 
 #include <algorithm>
 #include <charconv>
-#include <chrono>
 #include <cmath>
 #include <limits>
 #include <utility>
 
+#include "tolvanger/kit/clock.h"
+#include "tolvanger/kit/json_fields.h"
 #include "tolvanger/kit/text.h"
 
 namespace tolvanger::service {
@@ -19,24 +20,6 @@ constexpr size_t kMaxSourceCharacters = 16;
 // More than any row this service writes: two times, an id, a road, two
 // durations and a word of at most 16 characters.
 constexpr size_t kMaxLineBytes = 256;
-
-int64_t systemMilliseconds() {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(
-             std::chrono::system_clock::now().time_since_epoch())
-      .count();
-}
-
-// A stamp is an integer that fits 64 signed bits; anything else is absent.
-std::optional<int64_t> stamp(const nlohmann::json& stamps, const char* key) {
-  auto it = stamps.find(key);
-  if (it == stamps.end() || !it->is_number_integer()) return std::nullopt;
-  if (it->is_number_unsigned() &&
-      it->get<uint64_t>() >
-          static_cast<uint64_t>(std::numeric_limits<int64_t>::max())) {
-    return std::nullopt;
-  }
-  return it->get<int64_t>();
-}
 
 // The phone's word for how it came to read the request, if it is one. A word
 // holding a blank, a control character or broken UTF-8 would break the
@@ -114,7 +97,7 @@ nlohmann::json ChainSummary::asDictionary() const {
 
 Chain::Chain(Home home, Clock nowMS)
     : home_(std::move(home)),
-      nowMS_(nowMS ? std::move(nowMS) : Clock(systemMilliseconds)) {}
+      nowMS_(nowMS ? std::move(nowMS) : Clock(SystemClock::milliseconds)) {}
 
 void Chain::raised(const std::string& id) {
   const int64_t now = nowMS_();
@@ -142,8 +125,8 @@ void Chain::answered(const std::string& id, std::string_view road,
 
   ChainRow row{now / 1000, id, std::string(road), now - raisedAt, -1, "-"};
   if (stamps != nullptr && stamps->is_object()) {
-    const auto drawn = stamp(*stamps, "drawn_at");
-    const auto posted = stamp(*stamps, "posted_at");
+    const auto drawn = JsonFields::integer(*stamps, "drawn_at");
+    const auto posted = JsonFields::integer(*stamps, "posted_at");
     // The phone's clock may be wrong; the real elapsed time caps its count.
     if (drawn && posted && *drawn >= 1 && *posted >= *drawn) {
       row.onScreenMS = std::min(row.raisedToSeenMS, *posted - *drawn);

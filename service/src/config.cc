@@ -4,6 +4,7 @@
 #include <limits>
 #include <nlohmann/json.hpp>
 
+#include "tolvanger/kit/json_fields.h"
 #include "tolvanger/kit/random.h"
 #include "tolvanger/port/system.h"
 
@@ -12,29 +13,6 @@ namespace tolvanger::service {
 namespace {
 
 using nlohmann::json;
-
-// A JSON integer that fits in int64_t; floats never count.
-std::optional<int64_t> asInteger(const json& value) {
-  if (value.is_number_unsigned()) {
-    auto u = value.get<uint64_t>();
-    if (u > static_cast<uint64_t>(std::numeric_limits<int64_t>::max())) {
-      return std::nullopt;
-    }
-    return static_cast<int64_t>(u);
-  }
-  if (value.is_number_integer()) return value.get<int64_t>();
-  return std::nullopt;
-}
-
-std::optional<std::vector<std::string>> asTextList(const json& value) {
-  if (!value.is_array()) return std::nullopt;
-  std::vector<std::string> out;
-  for (const auto& item : value) {
-    if (!item.is_string()) return std::nullopt;
-    out.push_back(item.get<std::string>());
-  }
-  return out;
-}
 
 const json* member(const json& object, const char* key) {
   auto it = object.find(key);
@@ -70,7 +48,7 @@ std::string text(const json& v) {
   return v.get<std::string>();
 }
 int64_t integer(const json& v) {
-  auto i = asInteger(v);
+  auto i = JsonFields::integer(v);
   if (!i) throw Mismatch{};
   return *i;
 }
@@ -79,7 +57,7 @@ bool flag(const json& v) {
   return v.get<bool>();
 }
 std::vector<std::string> textList(const json& v) {
-  auto list = asTextList(v);
+  auto list = JsonFields::texts(v);
   if (!list) throw Mismatch{};
   return *list;
 }
@@ -133,7 +111,7 @@ void rescueText(const json& object, const char* key, std::string& out) {
 void rescueInteger(const json& object, const char* key, int64_t& out) {
   const json* v = member(object, key);
   if (v == nullptr) return;
-  if (auto i = asInteger(*v)) out = *i;
+  if (auto i = JsonFields::integer(*v)) out = *i;
 }
 void rescueFlag(const json& object, const char* key, bool& out) {
   const json* v = member(object, key);
@@ -149,7 +127,7 @@ Config rescue(const json& root) {
   rescueText(root, "daemon_id", c.daemonID);
   rescueText(root, "host", c.host);
   if (const json* listen = member(root, "listen")) {
-    if (auto list = asTextList(*listen); list && !list->empty()) {
+    if (auto list = JsonFields::texts(*listen); list && !list->empty()) {
       c.listen = std::move(*list);
     }
     // A single text stands for a list of one, even an empty one.
@@ -164,7 +142,7 @@ Config rescue(const json& root) {
   rescueInteger(root, "credential_ttl_s", c.credentialTTLSeconds);
   rescueFlag(root, "require_sealed", c.requireSealed);
   if (const json* v = member(root, "max_phones")) {
-    if (auto i = asInteger(*v); i && *i >= 1) c.maxPhones = *i;
+    if (auto i = JsonFields::integer(*v); i && *i >= 1) c.maxPhones = *i;
   }
   if (const json* cloud = member(root, "cloud"); cloud && cloud->is_object()) {
     rescueFlag(*cloud, "enabled", c.cloud.enabled);

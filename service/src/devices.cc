@@ -9,6 +9,7 @@
 
 #include "tolvanger/kit/crypto/digest.h"
 #include "tolvanger/kit/fingerprint.h"
+#include "tolvanger/kit/json_fields.h"
 #include "tolvanger/kit/random.h"
 #include "tolvanger/kit/text.h"
 
@@ -17,18 +18,6 @@ namespace tolvanger::service {
 using nlohmann::json;
 
 namespace {
-
-std::optional<int64_t> asInteger(const json& v) {
-  if (v.is_number_unsigned()) {
-    const uint64_t u = v.get<uint64_t>();
-    if (u > static_cast<uint64_t>(std::numeric_limits<int64_t>::max())) {
-      return std::nullopt;
-    }
-    return static_cast<int64_t>(u);
-  }
-  if (v.is_number_integer()) return v.get<int64_t>();
-  return std::nullopt;
-}
 
 std::optional<Bytes> asBase64(const json& v) {
   if (!v.is_string()) return std::nullopt;
@@ -61,13 +50,13 @@ class FieldReader {
   }
   int64_t integer(const char* key) {
     const json* v = required(key);
-    auto i = v == nullptr ? std::nullopt : asInteger(*v);
+    auto i = v == nullptr ? std::nullopt : JsonFields::integer(*v);
     return i ? *i : fail<int64_t>();
   }
   std::optional<int64_t> optionalInteger(const char* key) {
     const json* v = optional(key);
     if (v == nullptr) return std::nullopt;
-    auto i = asInteger(*v);
+    auto i = JsonFields::integer(*v);
     if (!i) ok_ = false;
     return i;
   }

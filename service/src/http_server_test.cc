@@ -9,11 +9,11 @@
 #include <atomic>
 #include <chrono>
 #include <memory>
-#include "tolvanger/kit/mutex.h"
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "tolvanger/kit/mutex.h"
 #include "tolvanger/kit/service_error.h"
 
 namespace tolvanger::service {

@@ -1,9 +1,9 @@
 #include "tolvanger/service/identity.h"
 
-#include <chrono>
 #include <cstring>
 #include <system_error>
 
+#include "tolvanger/kit/clock.h"
 #include "tolvanger/kit/cloud_card.h"
 #include "tolvanger/kit/fingerprint.h"
 #include "tolvanger/kit/service_error.h"
@@ -111,9 +111,7 @@ Bytes Identity::sign(ByteView data) { return ensure().sign(data); }
 Bytes Identity::signPQ(ByteView data) { return pqKey().sign(data); }
 
 std::string Identity::cloudCard() {
-  const int64_t now = std::chrono::duration_cast<std::chrono::seconds>(
-                          std::chrono::system_clock::now().time_since_epoch())
-                          .count();
+  const int64_t now = SystemClock::seconds();
   return CloudCard::json(
       daemonID, cloudKey_.publicKey().raw(), now,
       [this](ByteView m) { return sign(m); },

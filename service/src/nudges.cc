@@ -1,23 +1,15 @@
 #include "tolvanger/service/nudges.h"
 
 #include <algorithm>
-#include <chrono>
 #include <utility>
 
+#include "tolvanger/kit/clock.h"
 #include "tolvanger/kit/random.h"
 #include "tolvanger/kit/service_error.h"
 
 namespace tolvanger::service {
 
-namespace {
-
-int64_t systemSeconds() {
-  return std::chrono::duration_cast<std::chrono::seconds>(
-             std::chrono::system_clock::now().time_since_epoch())
-      .count();
-}
-
-}  // namespace
+namespace {}  // namespace
 
 nlohmann::json Nudge::asDictionary() const {
   return {{"id", id}, {"kind", kind}, {"expires_at", expiresAt}};
@@ -25,7 +17,7 @@ nlohmann::json Nudge::asDictionary() const {
 
 Nudges::Nudges(int64_t windowSeconds, Clock now)
     : window_(windowSeconds),
-      now_(now ? std::move(now) : Clock(systemSeconds)) {}
+      now_(now ? std::move(now) : Clock(SystemClock::seconds)) {}
 
 Nudge Nudges::raise(std::string_view kind) {
   if (std::find(kinds.begin(), kinds.end(), kind) == kinds.end()) {

@@ -1,11 +1,11 @@
 #include "tolvanger/service/pairing.h"
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <exception>
 #include <utility>
 
+#include "tolvanger/kit/clock.h"
 #include "tolvanger/kit/crypto/mldsa65.h"
 #include "tolvanger/kit/crypto/p256.h"
 #include "tolvanger/kit/crypto/xwing.h"
@@ -108,11 +108,7 @@ json PairOffer::toJSON() const {
   return out;
 }
 
-int64_t Pairing::systemNow() {
-  return std::chrono::duration_cast<std::chrono::seconds>(
-             std::chrono::system_clock::now().time_since_epoch())
-      .count();
-}
+int64_t Pairing::systemNow() { return SystemClock::seconds(); }
 
 Pairing::Pairing(Devices& devices, Identity& identity, Config config, Clock now)
     : devices_(devices),

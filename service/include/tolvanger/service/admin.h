@@ -8,12 +8,12 @@
 #ifndef TOLVANGER_SERVICE_ADMIN_H_
 #define TOLVANGER_SERVICE_ADMIN_H_
 
-#include "tolvanger/kit/mutex.h"
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "tolvanger/kit/mutex.h"
 #include "tolvanger/kit/thread_annotations.h"
 #include "tolvanger/service/home.h"
 

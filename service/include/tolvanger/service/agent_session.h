@@ -18,12 +18,12 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include "tolvanger/kit/mutex.h"
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <string_view>
 
+#include "tolvanger/kit/mutex.h"
 #include "tolvanger/kit/thread_annotations.h"
 #include "tolvanger/service/agent_process.h"
 

@@ -15,11 +15,11 @@
 
 #include <atomic>
 #include <condition_variable>
-#include "tolvanger/kit/mutex.h"
 #include <set>
 #include <string>
 #include <thread>
 
+#include "tolvanger/kit/mutex.h"
 #include "tolvanger/kit/thread_annotations.h"
 
 namespace tolvanger::service {

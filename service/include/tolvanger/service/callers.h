@@ -15,13 +15,13 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include "tolvanger/kit/mutex.h"
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "tolvanger/kit/mutex.h"
 #include "tolvanger/kit/thread_annotations.h"
 
 namespace tolvanger::service {

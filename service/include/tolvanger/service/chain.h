@@ -17,8 +17,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
-#include <functional>
-#include "tolvanger/kit/mutex.h"
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
@@ -26,6 +24,8 @@
 #include <unordered_map>
 #include <vector>
 
+#include "tolvanger/kit/clock.h"
+#include "tolvanger/kit/mutex.h"
 #include "tolvanger/kit/thread_annotations.h"
 #include "tolvanger/service/home.h"
 
@@ -67,7 +67,7 @@ class Chain {
   static constexpr size_t kMaxRows = 500;
 
   // Milliseconds since 1970. An empty clock means the system clock.
-  using Clock = std::function<int64_t()>;
+  using Clock = tolvanger::Clock;
 
   explicit Chain(Home home, Clock nowMS = {});
 

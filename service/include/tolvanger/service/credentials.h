@@ -20,12 +20,12 @@
 #include <cstdint>
 #include <functional>
 #include <map>
-#include "tolvanger/kit/mutex.h"
 #include <optional>
 #include <string>
 #include <string_view>
 
 #include "tolvanger/kit/bytes.h"
+#include "tolvanger/kit/mutex.h"
 #include "tolvanger/kit/thread_annotations.h"
 
 namespace tolvanger::service {

@@ -13,12 +13,12 @@
 #define TOLVANGER_SERVICE_DEVICE_KEYS_H_
 
 #include <map>
-#include "tolvanger/kit/mutex.h"
 #include <optional>
 #include <string>
 
 #include "tolvanger/kit/crypto/mldsa65.h"
 #include "tolvanger/kit/crypto/p256.h"
+#include "tolvanger/kit/mutex.h"
 #include "tolvanger/kit/thread_annotations.h"
 #include "tolvanger/service/devices.h"
 

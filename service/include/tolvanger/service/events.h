@@ -13,9 +13,9 @@
 #include <cstdint>
 #include <functional>
 #include <map>
-#include "tolvanger/kit/mutex.h"
 #include <nlohmann/json.hpp>
 
+#include "tolvanger/kit/mutex.h"
 #include "tolvanger/kit/thread_annotations.h"
 
 namespace tolvanger::service {

@@ -21,13 +21,13 @@
 #include <chrono>
 #include <cstddef>
 #include <list>
-#include "tolvanger/kit/mutex.h"
 #include <optional>
 #include <string>
 #include <string_view>
 #include <thread>
 #include <vector>
 
+#include "tolvanger/kit/mutex.h"
 #include "tolvanger/kit/thread_annotations.h"
 #include "tolvanger/port/network.h"
 #include "tolvanger/service/route_result.h"

@@ -17,7 +17,6 @@
 #ifndef TOLVANGER_SERVICE_IDENTITY_H_
 #define TOLVANGER_SERVICE_IDENTITY_H_
 
-#include "tolvanger/kit/mutex.h"
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <stdexcept>
@@ -27,6 +26,7 @@
 #include "tolvanger/kit/crypto/mldsa65.h"
 #include "tolvanger/kit/crypto/p256.h"
 #include "tolvanger/kit/crypto/xwing.h"
+#include "tolvanger/kit/mutex.h"
 #include "tolvanger/kit/thread_annotations.h"
 #include "tolvanger/service/home.h"
 

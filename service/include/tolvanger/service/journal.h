@@ -20,12 +20,12 @@
 #include <functional>
 #include <limits>
 #include <map>
-#include "tolvanger/kit/mutex.h"
 #include <string>
 #include <string_view>
 #include <variant>
 #include <vector>
 
+#include "tolvanger/kit/mutex.h"
 #include "tolvanger/kit/thread_annotations.h"
 #include "tolvanger/service/home.h"
 

@@ -12,13 +12,13 @@
 
 #include <array>
 #include <cstdint>
-#include <functional>
-#include "tolvanger/kit/mutex.h"
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <string_view>
 
+#include "tolvanger/kit/clock.h"
+#include "tolvanger/kit/mutex.h"
 #include "tolvanger/kit/thread_annotations.h"
 
 namespace tolvanger::service {
@@ -41,7 +41,7 @@ class Nudges {
   static constexpr std::array<std::string_view, 1> kinds = {"secret"};
 
   // Whole seconds since 1970. An empty clock means the system clock.
-  using Clock = std::function<int64_t()>;
+  using Clock = tolvanger::Clock;
 
   // `windowSeconds` is how long each nudge lasts.
   explicit Nudges(int64_t windowSeconds, Clock now = {});

@@ -23,8 +23,6 @@
 #define TOLVANGER_SERVICE_PAIRING_H_
 
 #include <cstdint>
-#include <functional>
-#include "tolvanger/kit/mutex.h"
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
@@ -32,6 +30,8 @@
 #include <vector>
 
 #include "tolvanger/kit/bytes.h"
+#include "tolvanger/kit/clock.h"
+#include "tolvanger/kit/mutex.h"
 #include "tolvanger/kit/thread_annotations.h"
 #include "tolvanger/service/config.h"
 #include "tolvanger/service/devices.h"
@@ -120,7 +120,7 @@ struct PairResult {
 class Pairing {
  public:
   // The current time in whole seconds since 1970.
-  using Clock = std::function<int64_t()>;
+  using Clock = tolvanger::Clock;
   static int64_t systemNow();
 
   // Wrong codes on the blind road before it pauses, and for how long; wrong

@@ -16,7 +16,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
-#include "tolvanger/kit/mutex.h"
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
@@ -24,6 +23,7 @@
 #include <vector>
 
 #include "tolvanger/kit/access_rule.h"
+#include "tolvanger/kit/mutex.h"
 #include "tolvanger/kit/thread_annotations.h"
 #include "tolvanger/service/home.h"
 

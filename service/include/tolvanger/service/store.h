@@ -18,7 +18,6 @@
 #include <cstdint>
 #include <functional>
 #include <map>
-#include "tolvanger/kit/mutex.h"
 #include <optional>
 #include <set>
 #include <string>
@@ -26,6 +25,7 @@
 #include <vector>
 
 #include "tolvanger/kit/fields.h"
+#include "tolvanger/kit/mutex.h"
 #include "tolvanger/kit/thread_annotations.h"
 #include "tolvanger/service/agent_process.h"
 #include "tolvanger/service/home.h"
