@@ -80,10 +80,9 @@ int init(const std::vector<std::string_view>& args) {
   Service service(home);
   if (!hadConfig) service.config.save(home);
   if (!quiet) {
-    std::printf(
-        "home: %s\nfingerprint: %s\nfingerprint (post-quantum): %s\n",
-        home.path().c_str(), service.identity.fingerprint().c_str(),
-        tolvanger::Fingerprint::of(service.identity.pqPublicKey()).c_str());
+    std::printf("home: %s\nfingerprint: %s\nfingerprint (post-quantum): %s\n",
+                home.path().c_str(), service.fingerprint().c_str(),
+                service.pqFingerprint().c_str());
   }
   return 0;
 }

@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "harness.h"
+#include "testing/service_internals.h"
 #include "tolvanger/kit/cloud_seal.h"
 #include "tolvanger/kit/crypto/mldsa65.h"
 #include "tolvanger/kit/crypto/p256.h"
@@ -39,8 +40,8 @@ struct World {
     phone.pq = pq.publicKey().raw();
     phone.secret = Random::hex(24);
     phone.pairedAt = 1;
-    service->devices.put(phone);
-    service->secrets.replace(
+    ServiceInternals::devices(*service).put(phone);
+    ServiceInternals::secrets(*service).replace(
         {SecretName{"sheets", "bearer", {"api.example"}, {}, 1}});
   }
 
@@ -64,10 +65,12 @@ struct World {
                                    {"kind", "bearer"},
                                    {"value", "token-" + Random::hex(16)}}
                                   .dump();
-    r.envelope = CloudSeal::seal(asBytes(offer),
-                                 service->identity.cloudKey().publicKey(),
-                                 "cred", r.request.id)
-                     .asDictionary();
+    r.envelope =
+        CloudSeal::seal(
+            asBytes(offer),
+            ServiceInternals::identity(*service).cloudKey().publicKey(), "cred",
+            r.request.id)
+            .asDictionary();
     return r;
   }
 };
@@ -93,7 +96,7 @@ void BM_ServiceApprove(benchmark::State& state) {
     state.ResumeTiming();
     benchmark::DoNotOptimize(w.service->approve(a));
     state.PauseTiming();
-    w.service->credentials.take(r.request.id);
+    ServiceInternals::credentials(*w.service).take(r.request.id);
     state.ResumeTiming();
   }
 }
@@ -112,8 +115,8 @@ void BM_BareVerifyAndOpen(benchmark::State& state) {
     state.ResumeTiming();
     benchmark::DoNotOptimize(spki->verify(asBytes(r.bound), r.sig));
     benchmark::DoNotOptimize(pqKey->verify(asBytes(r.bound), r.sigPQ));
-    benchmark::DoNotOptimize(
-        CloudSeal::open(envelope, w.service->identity.cloudKey()));
+    benchmark::DoNotOptimize(CloudSeal::open(
+        envelope, ServiceInternals::identity(*w.service).cloudKey()));
   }
 }
 BENCHMARK(BM_BareVerifyAndOpen)->Unit(benchmark::kMicrosecond);

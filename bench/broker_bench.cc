@@ -14,6 +14,7 @@
 
 #include "harness.h"
 #include "https_upstream.h"
+#include "testing/service_internals.h"
 #include "tolvanger/kit/cloud_seal.h"
 #include "tolvanger/kit/crypto/mldsa65.h"
 #include "tolvanger/kit/crypto/p256.h"
@@ -51,8 +52,8 @@ struct World {
     phone.pq = pq.publicKey().raw();
     phone.secret = Random::hex(24);
     phone.pairedAt = 1;
-    s.devices.put(phone);
-    s.secrets.replace(
+    ServiceInternals::devices(s).put(phone);
+    ServiceInternals::secrets(s).replace(
         {SecretName{"upstream", "bearer", {upstream.netloc()}, {}, 1}});
     runtime->start();
     agent = std::make_unique<testing::SocketClient>(runtime->socketPath());
@@ -69,7 +70,7 @@ struct World {
                    {"url", "https://" + upstream.netloc() + "/v1/items"}};
     ask.agent = "bench";
     const std::string id = Broker::request(s, ask)["request_id"];
-    const StoredRequest r = *s.store.get(id);
+    const StoredRequest r = *ServiceInternals::store(s).get(id);
     const std::string bound = s.binding(r);
     const json envelope =
         CloudSeal::seal(asBytes(json{{"request_id", id},
@@ -77,7 +78,8 @@ struct World {
                                      {"kind", "bearer"},
                                      {"value", "token-" + Random::hex(16)}}
                                     .dump()),
-                        s.identity.cloudKey().publicKey(), "cred", id)
+                        ServiceInternals::identity(s).cloudKey().publicKey(),
+                        "cred", id)
             .asDictionary();
     Approval a;
     a.requestID = id;

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "harness.h"
+#include "testing/service_internals.h"
 #include "tolvanger/kit/crypto/mldsa65.h"
 #include "tolvanger/kit/crypto/p256.h"
 #include "tolvanger/kit/crypto/xwing.h"
@@ -59,24 +60,27 @@ struct World {
     const auto key = crypto::P256PrivateKey::generate();
     const auto pq = crypto::MLDSA65PrivateKey::generate();
     auto cloud = crypto::XWingPrivateKey::generate();
-    const auto link =
-        PairURL::parse(service->pairing.open(std::string("127.0.0.1")).url);
-    service->pairing.offer(
+    const auto link = PairURL::parse(
+        ServiceInternals::pairing(*service).open(std::string("127.0.0.1")).url);
+    ServiceInternals::pairing(*service).offer(
         json{{"token", link->token},
              {"device_id", "phone-1"},
              {"name", "Bench Phone"},
              {"public_key", toBase64(key.publicKey().der())},
              {"public_key_pq", toBase64(pq.publicKey().raw())},
              {"cloud_public_key", toBase64(cloud.publicKey().raw())}});
-    const std::string code = service->pairing.status()["code"];
+    const std::string code =
+        ServiceInternals::pairing(*service).status()["code"];
     const std::string secret =
-        service->pairing.confirm(json{{"token", link->token}, {"code", code}})
+        ServiceInternals::pairing(*service)
+            .confirm(json{{"token", link->token}, {"code", code}})
             .device.secret;
 
     const std::string base = "http://127.0.0.1:" + std::to_string(port);
     road = std::make_unique<SealedRoad>(
         base, service->config.daemonID, "phone-1", secret, std::move(cloud),
-        service->identity.spki(), service->identity.pqPublicKey(),
+        ServiceInternals::identity(*service).spki(),
+        ServiceInternals::identity(*service).pqPublicKey(),
         std::chrono::seconds(10));
     clear = std::make_unique<DaemonClient>(base, std::chrono::seconds(10));
     for (int i = 0; i < 3; ++i) service->raise("deploy", Fields{}, {});

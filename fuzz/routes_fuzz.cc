@@ -21,6 +21,7 @@
 #include <string>
 #include <string_view>
 
+#include "testing/service_internals.h"
 #include "tolvanger/kit/bytes.h"
 #include "tolvanger/kit/cloud_seal.h"
 #include "tolvanger/kit/crypto/p256.h"
@@ -39,6 +40,7 @@ using tolvanger::service::Home;
 using tolvanger::service::RouteResult;
 using tolvanger::service::Routes;
 using tolvanger::service::Service;
+using tolvanger::service::ServiceInternals;
 
 constexpr std::string_view kDeviceID = "fuzz-phone";
 constexpr std::string_view kSecret =
@@ -62,7 +64,7 @@ struct Rig {
     config.requireSealed = requireSealed;
     service = std::make_unique<Service>(Home(dir), config);
     routes = std::make_unique<Routes>(*service);
-    service->devices.put(Device{
+    ServiceInternals::devices(*service).put(Device{
         .deviceID = std::string(kDeviceID),
         .name = "fuzz",
         .spki = tolvanger::crypto::P256PrivateKey::generate().publicKey().der(),
@@ -110,7 +112,9 @@ void sendSealed(Rig& r, std::string_view method, std::string_view path,
                 std::string_view body) {
   // A call may have replaced the phone's key; the next one starts from it.
   const tolvanger::Bytes key = r.phoneKey.publicKey().raw();
-  r.service->devices.edit(kDeviceID, [&](Device& d) { d.cloudKey = key; });
+  ServiceInternals::devices(*r.service).edit(kDeviceID, [&](Device& d) {
+    d.cloudKey = key;
+  });
   json inner = {{"device_id", kDeviceID},
                 {"device_secret", kSecret},
                 {"method", std::string(method)},
@@ -123,14 +127,15 @@ void sendSealed(Rig& r, std::string_view method, std::string_view path,
   try {
     envelope = tolvanger::CloudSeal::seal(
         tolvanger::asBytes(text),
-        r.service->identity.cloudKey().publicKey().raw(), "call", "fuzz-call");
+        ServiceInternals::identity(*r.service).cloudKey().publicKey().raw(),
+        "call", "fuzz-call");
   } catch (const tolvanger::SealedError&) {
     return;  // too large to seal: nothing to send
   }
   const RouteResult result =
       r.routes->handle("POST", "/v1/sealed", envelope.json());
   checkAnswer(result);
-  const auto device = r.service->devices.device(kDeviceID);
+  const auto device = ServiceInternals::devices(*r.service).device(kDeviceID);
   if (result.status != 200 || !device || device->cloudKey != key) return;
   const auto opened = tolvanger::CloudSeal::open(
       tolvanger::CloudEnvelope::from(result.payload.at("sealed")), r.phoneKey);
@@ -159,7 +164,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
   Rig& r = rig(requireSealed);
   // Keep one request pending so the request routes have something to find.
-  if (r.service->store.pending().empty()) {
+  if (ServiceInternals::store(*r.service).pending().empty()) {
     try {
       r.service->raise("deploy", tolvanger::Fields{}, {});
     } catch (const tolvanger::ServiceError&) {

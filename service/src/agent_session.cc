@@ -158,7 +158,7 @@ json AgentSession::hello(const json& line) {
     client_ = client;
     if (first) saidHello_ = true;
   }
-  if (first) service_.callers.hello(client.value_or(""), process_, role);
+  if (first) service_.callerHello(client.value_or(""), process_, role);
   json reply = service_.status();
   reply["scope"] = role;
   reply["agent"] = process_;
@@ -179,7 +179,7 @@ json AgentSession::dispatch(const std::string& op, const json& line,
   if (op == "status") return service_.status();
   if (op == "secret.list") {
     json names = json::array();
-    for (const auto& name : service_.secrets.all())
+    for (const auto& name : service_.secretNames())
       names.push_back(name.asDictionary());
     return json{{"ok", true},
                 {"secrets", std::move(names)},
@@ -225,16 +225,7 @@ json AgentSession::dispatch(const std::string& op, const json& line,
   }
   if (op == "poll") return poll(line);
   if (op == "redeem") {
-    const std::string id = requiredID(line);
-    // A brokered approval is spent only by the call it authorises.
-    if (const auto stored = service_.store.get(id); stored && stored->http) {
-      throw ServiceError::refused(
-          "that approval carries a credential \u2014 perform the request it "
-          "authorises");
-    }
-    const StoredRequest taken = service_.store.take(id);
-    service_.journal.write("redeemed",
-                           {{"request", id}, {"client", client.value_or("-")}});
+    const StoredRequest taken = service_.redeem(requiredID(line), client);
     return json{{"ok", true},
                 {"state", "approved"},
                 {"device_id", taken.deviceID.value_or("")}};
@@ -248,17 +239,17 @@ json AgentSession::dispatch(const std::string& op, const json& line,
   if (op == "device.forget") {
     const auto id = textAt(line, "id");
     if (!id) return failure("no device named");
-    return json{{"ok", true}, {"forgotten", service_.devices.forget(*id)}};
+    return json{{"ok", true}, {"forgotten", service_.forgetDevice(*id)}};
   }
   if (op == "journal.tail") {
     const int64_t lines =
         std::clamp<int64_t>(integerAt(line, "lines").value_or(40), 1, 500);
     return json{{"ok", true},
-                {"lines", service_.journal.tail(static_cast<size_t>(lines))}};
+                {"lines", service_.journalTail(static_cast<size_t>(lines))}};
   }
   if (op == "request.pending") {
     json rows = json::array();
-    for (const auto& r : service_.store.pending()) {
+    for (const auto& r : service_.pendingRequests()) {
       rows.push_back(json{{"id", r.id},
                           {"operation", r.operation},
                           {"summary", r.summary},
@@ -279,20 +270,19 @@ json AgentSession::dispatch(const std::string& op, const json& line,
   }
   if (op == "pair.open") {
     const auto host = textAt(line, "host");
-    return service_.pairing.open(host ? *host : service_.pairingHost())
-        .toJSON();
+    return service_.openPairing(host ? *host : service_.pairingHost()).toJSON();
   }
-  if (op == "pair.status") return service_.pairing.status();
+  if (op == "pair.status") return service_.pairingStatus();
   if (op == "pair.cancel") {
-    service_.pairing.cancel();
+    service_.cancelPairing();
     return json{{"ok", true}};
   }
   if (op == "clients") {
     json rows = json::array();
-    for (const auto& caller : service_.callers.all())
+    for (const auto& caller : service_.callers())
       rows.push_back(caller.asDictionary());
     return json{{"ok", true},
-                {"connected", service_.callers.connected()},
+                {"connected", service_.callersConnected()},
                 {"clients", std::move(rows)}};
   }
   return failure("no such op");
@@ -305,7 +295,7 @@ json AgentSession::poll(const json& line) {
   const auto deadline = std::chrono::steady_clock::now() +
                         std::chrono::seconds(std::max<int64_t>(wait, 0));
   for (;;) {
-    const auto stored = service_.store.get(id);
+    const auto stored = service_.request(id);
     if (!stored) return json{{"ok", true}, {"state", "unknown"}};
     if (stored->state != RequestState::kPending ||
         std::chrono::steady_clock::now() >= deadline ||
@@ -323,7 +313,7 @@ json AgentSession::subscribe() {
   MutexLock lock(mu_);
   if (!subscription_) {
     std::weak_ptr<AgentSession> weak = weak_from_this();
-    subscription_ = service_.events.subscribe([weak](const json& event) {
+    subscription_ = service_.subscribe([weak](const json& event) {
       if (auto self = weak.lock()) {
         json line = event;
         line["ok"] = true;
@@ -340,7 +330,7 @@ json AgentSession::unsubscribe() {
     MutexLock lock(mu_);
     key = std::exchange(subscription_, std::nullopt);
   }
-  if (key) service_.events.unsubscribe(*key);
+  if (key) service_.unsubscribe(*key);
   return json{{"ok", true}, {"subscribed", false}};
 }
 
@@ -356,8 +346,8 @@ void AgentSession::end() {
     client = client_;
     saidHello = saidHello_;
   }
-  if (key) service_.events.unsubscribe(*key);
-  if (saidHello) service_.callers.goodbye(client.value_or(""), process_);
+  if (key) service_.unsubscribe(*key);
+  if (saidHello) service_.callerGoodbye(client.value_or(""), process_);
 }
 
 }  // namespace tolvanger::service

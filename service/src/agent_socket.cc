@@ -108,7 +108,7 @@ void AgentSocket::acceptLoop(int listener) {
     const auto peer = port::peerCredentials(fd);
     const uid_t own = port::currentUid();
     if (!peer || (peer->uid != own && peer->uid != 0)) {
-      service_.journal.write(
+      service_.record(
           "socket-refused",
           {{"why", "uid"},
            {"uid", peer ? std::to_string(peer->uid) : std::string("-")}});

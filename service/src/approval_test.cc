@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "testing/paired_phone.h"
+#include "testing/service_internals.h"
 #include "tolvanger/kit/cloud_seal.h"
 #include "tolvanger/kit/crypto/mldsa65.h"
 #include "tolvanger/kit/crypto/p256.h"
@@ -30,7 +31,7 @@ class ApprovalTest : public ::testing::Test {
     service = std::make_unique<Service>(Home(home.path));
     phone.pair(*service);
     ASSERT_FALSE(phone.secret.empty());
-    service->secrets.replace(
+    ServiceInternals::secrets(*service).replace(
         {SecretName{"sheets", "bearer", {"api.example"}, {}, 1}});
   }
   StoredRequest raise(std::optional<std::string> credential = std::nullopt) {
@@ -60,7 +61,7 @@ class ApprovalTest : public ::testing::Test {
 
 TEST_F(ApprovalTest, AGoodApprovalSettlesTheRequestOnce) {
   std::vector<json> events;
-  service->events.subscribe([&](const json& e) { events.push_back(e); });
+  service->subscribe([&](const json& e) { events.push_back(e); });
   const StoredRequest r = raise();
   const StoredRequest approved = service->approve(phone.approve(*service, r));
   EXPECT_EQ(approved.state, RequestState::kApproved);
@@ -123,7 +124,8 @@ TEST_F(ApprovalTest, EachWrongApprovalIsRefusedAndAGoodOneStillPasses) {
   a.credentialEnvelope = &envelope;
   expectRefused(a, "that credential is not the one asked for");
 
-  EXPECT_EQ(service->store.get(r.id)->state, RequestState::kPending);
+  EXPECT_EQ(ServiceInternals::store(*service).get(r.id)->state,
+            RequestState::kPending);
   const std::string j = journal();
   EXPECT_NE(
       j.find(" refused device=phone-1 request=" + r.id + " why=signature\n"),
@@ -185,7 +187,7 @@ TEST_F(ApprovalTest, TheCredentialIsCheckedHeldAndFoundNowhereElse) {
   const json status = service->status();
   EXPECT_EQ(status["credentials_held"], 1);
 
-  const auto spent = service->credentials.take(r.id);
+  const auto spent = ServiceInternals::credentials(*service).take(r.id);
   ASSERT_TRUE(spent.has_value());
   EXPECT_EQ(toString(spent->value.reveal()), canary);
   // Held no longer than the ceiling, whatever the phone said.

@@ -314,20 +314,8 @@ json Broker::send(const Wire& wire, const std::vector<OutgoingHeader>& headers,
   return reply;
 }
 
-Spent Service::spendCredential(const std::string& requestID) {
-  const StoredRequest request = store.take(requestID);
-  std::optional<Spent> spent = credentials.take(requestID);
-  // The request stays taken: a lost credential means a new approval.
-  if (!spent) throw ServiceError::refused(std::string(kCredentialGone));
-  journal.write("spent",
-                {{"request", request.id},
-                 {"credential", spent->name},
-                 {"client", request.fields.text("client").value_or("-")}});
-  return std::move(*spent);
-}
-
 json Broker::perform(Service& service, const std::string& requestID) {
-  const std::optional<StoredRequest> stored = service.store.get(requestID);
+  const std::optional<StoredRequest> stored = service.request(requestID);
   if (!stored) throw ServiceError::refused("no request under that id");
   if (!stored->http) {
     throw ServiceError::refused(
@@ -398,10 +386,9 @@ json Broker::perform(Service& service, const std::string& requestID) {
   reply["ok"] = true;
   reply["request_id"] = requestID;
   reply["device_id"] = spent.deviceID;
-  service.journal.write("performed",
-                        {{"request", requestID},
-                         {"operation", stored->operation},
-                         {"status", reply["status"].get<int64_t>()}});
+  service.record("performed", {{"request", requestID},
+                               {"operation", stored->operation},
+                               {"status", reply["status"].get<int64_t>()}});
   return reply;
 }
 

@@ -9,6 +9,7 @@
 
 #include "https_upstream.h"
 #include "testing/paired_phone.h"
+#include "testing/service_internals.h"
 #include "tolvanger/kit/service_error.h"
 #include "tolvanger/service/broker.h"
 #include "tolvanger/service/service.h"
@@ -34,7 +35,8 @@ class BrokerPerformTest : public ::testing::Test {
   }
 
   void pinTo(std::vector<std::string> hosts) {
-    service->secrets.replace({SecretName{"api", "bearer", std::move(hosts)}});
+    ServiceInternals::secrets(*service).replace(
+        {SecretName{"api", "bearer", std::move(hosts)}});
   }
 
   std::string url(const std::string& path) const {
@@ -55,8 +57,9 @@ class BrokerPerformTest : public ::testing::Test {
   std::string approved(json request) {
     const std::string id = raise(std::move(request));
     json envelope;
-    service->approve(phone.approveWith(*service, *service->store.get(id),
-                                       "bearer", kToken, envelope));
+    service->approve(
+        phone.approveWith(*service, *ServiceInternals::store(*service).get(id),
+                          "bearer", kToken, envelope));
     return id;
   }
 
@@ -75,7 +78,8 @@ class BrokerPerformTest : public ::testing::Test {
   }
 
   bool stillApproved(const std::string& id) {
-    return service->store.get(id)->state == RequestState::kApproved &&
+    return ServiceInternals::store(*service).get(id)->state ==
+               RequestState::kApproved &&
            service->credentialWaiting(id);
   }
 
@@ -117,7 +121,8 @@ TEST_F(BrokerPerformTest, SendsTheApprovedCallOnceWithTheCredential) {
   EXPECT_EQ(refusal(id), "that approval was already spent");
   EXPECT_EQ(upstream.received().size(), 1u);
 
-  const std::vector<std::string> lines = service->journal.tail(50);
+  const std::vector<std::string> lines =
+      ServiceInternals::journal(*service).tail(50);
   const auto has = [&](const std::string& text) {
     for (const auto& line : lines) {
       if (line.find(text) != std::string::npos) return true;
@@ -180,20 +185,20 @@ TEST_F(BrokerPerformTest, AnswersComeBackAsTheyAreWithoutCookies) {
 
 TEST_F(BrokerPerformTest, AStoredWireChangedAfterSigningNeverGoesOut) {
   const std::string id = approved({{"method", "GET"}, {"url", url("/a")}});
-  const StoredRequest original = *service->store.get(id);
+  const StoredRequest original = *ServiceInternals::store(*service).get(id);
   StoredRequest changed = original;
   changed.http->path = "/b";
-  service->store.put(changed);
+  ServiceInternals::store(*service).put(changed);
   EXPECT_EQ(refusal(id), "the stored request is not the one that was signed");
   changed = original;
   changed.http->headers["x-extra"] = "1";
-  service->store.put(changed);
+  ServiceInternals::store(*service).put(changed);
   EXPECT_EQ(refusal(id), "the stored request is not the one that was signed");
   EXPECT_TRUE(upstream.received().empty());
   ASSERT_TRUE(stillApproved(id));
 
   // Nothing was spent: the untouched request still performs.
-  service->store.put(original);
+  ServiceInternals::store(*service).put(original);
   EXPECT_EQ(Broker::perform(*service, id)["status"], 200);
 }
 
@@ -209,7 +214,7 @@ TEST_F(BrokerPerformTest, PinsRemovedAfterApprovalWin) {
 
 TEST_F(BrokerPerformTest, ACredentialGoneLeavesTheApprovalSpent) {
   const std::string id = approved({{"method", "GET"}, {"url", url("/")}});
-  service->credentials.discard(id);
+  ServiceInternals::credentials(*service).discard(id);
   EXPECT_EQ(refusal(id), kCredentialGone);
   EXPECT_EQ(refusal(id), "that approval was already spent");
   EXPECT_TRUE(upstream.received().empty());

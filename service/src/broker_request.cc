@@ -297,7 +297,7 @@ std::optional<std::string> onlyOne(const std::vector<SecretName>& names,
 }
 
 Pins pins(Service& service, const std::string& name) {
-  return pinsOf(service.secrets.get(name), name);
+  return pinsOf(service.secretName(name), name);
 }
 
 json request(Service& service, const Ask& ask) {
@@ -326,7 +326,7 @@ json request(Service& service, const Ask& ask) {
            "credentials listing");
   }
   const std::string name = secret->get<std::string>();
-  const auto found = service.secrets.get(name);
+  const auto found = service.secretName(name);
   const Pins pins = pinsOf(found, name);
 
   Wire wire = check(ask.request, name, pins, kOperation);
@@ -364,7 +364,7 @@ json request(Service& service, const Ask& ask) {
 
 json credentials(Service& service) {
   json list = json::array();
-  for (const SecretName& name : service.secrets.all()) {
+  for (const SecretName& name : service.secretNames()) {
     json entry = {{"name", name.name},
                   {"kind", name.kind},
                   {"held", "phone"},

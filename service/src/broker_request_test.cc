@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "testing/paired_phone.h"
+#include "testing/service_internals.h"
 #include "tolvanger/kit/service_error.h"
 #include "tolvanger/service/broker.h"
 #include "tolvanger/service/service.h"
@@ -20,23 +21,24 @@ class BrokerRequestTest : public ::testing::Test {
     phone.pair(*service);
     SecretName session{"site", "cookie", {"www.host"}, {}, 7, 5, 9};
     session.userAgent = "Browser/1";
-    service->secrets.replace({SecretName{"api", "bearer", {"API.Host:8443"}},
-                              SecretName{"loose", "bearer", {" "}},
-                              std::move(session)});
+    ServiceInternals::secrets(*service).replace(
+        {SecretName{"api", "bearer", {"API.Host:8443"}},
+         SecretName{"loose", "bearer", {" "}}, std::move(session)});
   }
 
   // The stored request, or the refusal (checking that nothing was filed).
   std::variant<StoredRequest, std::string> ask(
       json request, std::optional<std::string> op = {}) {
-    const size_t before = service->store.pending().size();
+    const size_t before = ServiceInternals::store(*service).pending().size();
     Broker::Ask a{
         std::move(op), std::move(request), " \n read it \r\n", {}, "tool",
         "claude"};
     try {
       const json reply = Broker::request(*service, a);
-      return *service->store.get(reply["request_id"].get<std::string>());
+      return *ServiceInternals::store(*service).get(
+          reply["request_id"].get<std::string>());
     } catch (const ServiceError& e) {
-      EXPECT_EQ(service->store.pending().size(), before);
+      EXPECT_EQ(ServiceInternals::store(*service).pending().size(), before);
       return std::string(e.what());
     }
   }
@@ -196,7 +198,7 @@ TEST_F(BrokerRequestTest, CredentialsListingAndOnlyOne) {
   EXPECT_TRUE(list[1].contains("note") && !list[1].contains("header"));
   EXPECT_EQ(list.dump().find("Browser/1"), std::string::npos);
 
-  const auto all = service->secrets.all();
+  const auto all = ServiceInternals::secrets(*service).all();
   EXPECT_EQ(Broker::onlyOne(all, {"WWW.HOST"}), "site");
   EXPECT_FALSE(Broker::onlyOne(all, {"www.host", "api.host:8443"}));
   EXPECT_FALSE(Broker::onlyOne(all, {"none.host"}));

@@ -191,7 +191,7 @@ std::optional<Device> Routes::authenticated(
   const std::string* id = text(body, "device_id");
   const std::string* secret = text(body, "device_secret");
   if (id == nullptr || secret == nullptr) return std::nullopt;
-  return service_.devices.authenticate(*id, *secret);
+  return service_.authenticate(*id, *secret);
 }
 
 RouteResult Routes::sealed(const json& body, std::string_view road) {
@@ -209,8 +209,7 @@ RouteResult Routes::sealed(const json& body, std::string_view road) {
     // that is wiped when freed, and the opened bytes wipe themselves.
     SecretJson inner;
     try {
-      const SecretBytes plain =
-          CloudSeal::open(envelope, service_.identity.cloudKey());
+      const SecretBytes plain = CloudSeal::open(envelope, service_.cloudKey());
       const ByteView bytes = plain.reveal();
       inner = parseObject<SecretJson>(bytes.begin(), bytes.end());
     } catch (const std::exception&) {
@@ -222,8 +221,8 @@ RouteResult Routes::sealed(const json& body, std::string_view road) {
     const SecretString* secret = text(inner, "device_secret");
     std::optional<Device> device;
     if (deviceID != nullptr && secret != nullptr) {
-      device = service_.devices.authenticate(std::string_view(*deviceID),
-                                             std::string_view(*secret));
+      device = service_.authenticate(std::string_view(*deviceID),
+                                     std::string_view(*secret));
     }
     if (!device) return failure(400, kNotPaired);
 
@@ -248,7 +247,7 @@ RouteResult Routes::sealed(const json& body, std::string_view road) {
     // The call has taken effect; only now is the key to answer to looked up,
     // as it stands after the call.
     std::optional<Bytes> replyKey = device->cloudKey;
-    if (const auto current = service_.devices.device(device->deviceID)) {
+    if (const auto current = service_.device(device->deviceID)) {
       replyKey = current->cloudKey;
     }
     if (!replyKey) {
@@ -299,7 +298,7 @@ RouteResult Routes::health() {
 
 RouteResult Routes::card() {
   try {
-    return success(service_.identity.cardOffer());
+    return success(service_.cardOffer());
   } catch (const std::exception&) {
     return failure(500, "this Mac has no card");
   }
@@ -307,12 +306,12 @@ RouteResult Routes::card() {
 
 RouteResult Routes::pending(const std::optional<Device>& device) {
   json list = json::array();
-  for (const StoredRequest& request : service_.store.pending()) {
+  for (const StoredRequest& request : service_.pendingRequests()) {
     list.push_back(
         json{{"request_id", request.id}, {"expires_at", request.expiresAt}});
   }
   json out{{"ok", true}, {"pending", std::move(list)}};
-  if (const auto nudge = service_.nudges.current()) {
+  if (const auto nudge = service_.currentNudge()) {
     out["nudge"] = nudge->asDictionary();
   }
   // This service keeps no allowances, so a device has none open.
@@ -321,27 +320,19 @@ RouteResult Routes::pending(const std::optional<Device>& device) {
 }
 
 RouteResult Routes::pair(const json& body) {
-  return success(service_.pairing.offer(body));
+  return success(service_.pairOffer(body));
 }
 
 RouteResult Routes::confirm(const json& body) {
-  PairResult result = service_.pairing.confirm(body);
-  const Device& device = result.device;
-  service_.journal.write("paired",
-                         {{"device", device.deviceID},
-                          {"fingerprint", device.fingerprint()},
-                          {"pq", device.pqFingerprint().value_or("-")}});
-  RouteResult answer = wrap(result.payload, device);
+  PairResult result = service_.pairConfirm(body);
+  RouteResult answer = wrap(result.payload, result.device);
   wipe(result.device.secret);
   return answer;
 }
 
 RouteResult Routes::recover(const json& body) {
-  PairResult result = service_.pairing.recover(body);
-  const Device& device = result.device;
-  service_.journal.write("recovered", {{"device", device.deviceID},
-                                       {"left", device.recovery.size()}});
-  RouteResult answer = wrap(result.payload, device);
+  PairResult result = service_.pairRecover(body);
+  RouteResult answer = wrap(result.payload, result.device);
   wipe(result.device.secret);
   return answer;
 }
@@ -407,8 +398,7 @@ RouteResult Routes::cloudKey(const json& body,
     return failure(400, "that is not an X-Wing public key");
   }
   // A device forgotten in the meantime stays forgotten.
-  service_.devices.edit(who->deviceID,
-                        [&](Device& stored) { stored.cloudKey = *raw; });
+  service_.setDeviceCloudKey(who->deviceID, *raw);
   return success(json{{"ok", true}});
 }
 
@@ -444,13 +434,13 @@ RouteResult Routes::nudgeSeen(const json& body,
   const std::string* id = text(body, "id");
   if (id == nullptr) return failure(400, "no nudge named");
   // A stale id leaves the held nudge alone.
-  service_.nudges.clearIf(*id);
+  service_.clearNudgeIf(*id);
   return success(json{{"ok", true}});
 }
 
 RouteResult Routes::request(std::string_view id) {
   if (Ids::isID(id)) {
-    const auto found = service_.store.get(id);
+    const auto found = service_.request(id);
     if (found && found->state == RequestState::kPending) {
       try {
         return success(service_.requestPayload(*found));

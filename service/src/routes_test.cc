@@ -7,6 +7,7 @@
 
 #include <filesystem>
 
+#include "testing/service_internals.h"
 #include "tolvanger/kit/cloud_seal.h"
 #include "tolvanger/kit/crypto/mldsa65.h"
 #include "tolvanger/kit/crypto/p256.h"
@@ -71,7 +72,9 @@ struct Rig {
   // Seals `inner` as a phone does and posts it to the sealed route.
   RouteResult send(const json& inner, std::string_view kind = "call",
                    std::optional<Bytes> to = std::nullopt) {
-    const Bytes key = to ? *to : service.identity.cloudKey().publicKey().raw();
+    const Bytes key =
+        to ? *to
+           : ServiceInternals::identity(service).cloudKey().publicKey().raw();
     const CloudEnvelope envelope =
         CloudSeal::seal(asBytes(inner.dump()), key, kind, "c1");
     return clear("POST", "/v1/sealed", envelope.asDictionary());
@@ -91,7 +94,8 @@ struct Rig {
 
   // Pairs `phone` through the clear routes; gives the opened answer.
   json pair() {
-    const std::string url = service.pairing.open("192.168.1.20").url;
+    const std::string url =
+        ServiceInternals::pairing(service).open("192.168.1.20").url;
     const std::string token = url.substr(url.find("&t=") + 3, 32);
     const RouteResult offer =
         clear("POST", "/v1/pair", phone.keys({{"token", token}}));
@@ -99,7 +103,8 @@ struct Rig {
     EXPECT_EQ(offer.payload["choices"].size(), 3u);
     const RouteResult confirmed =
         clear("POST", "/v1/pair/confirm",
-              {{"token", token}, {"code", service.pairing.session()->code}});
+              {{"token", token},
+               {"code", ServiceInternals::pairing(service).session()->code}});
     EXPECT_EQ(confirmed.status, 200) << confirmed.payload.dump();
     json answer = phone.open(confirmed.payload, "pairing", phone.id);
     secret = answer.value("device_secret", "");
@@ -108,7 +113,8 @@ struct Rig {
 
   std::string journal() {
     std::string all;
-    for (const auto& line : service.journal.tail(100)) all += line + "\n";
+    for (const auto& line : ServiceInternals::journal(service).tail(100))
+      all += line + "\n";
     return all;
   }
 
@@ -189,7 +195,8 @@ TEST(Routes, SealedCallsListFetchApproveAndDeny) {
 
   const json approved = rig.call("POST", "/v1/approve", rig.approval(first));
   EXPECT_EQ(approved["payload"], json({{"ok", true}, {"state", "approved"}}));
-  EXPECT_EQ(rig.service.store.get(first.id)->state, RequestState::kApproved);
+  EXPECT_EQ(ServiceInternals::store(rig.service).get(first.id)->state,
+            RequestState::kApproved);
   EXPECT_NE(rig.journal().find("approved client=- credential=- device=phone-1 "
                                "request=" +
                                first.id + " road=lan"),
@@ -231,13 +238,16 @@ TEST(Routes, SealedEnvelopesThatMustNotBeAnswered) {
 
   // Without a key to answer to, the call still takes effect first.
   const StoredRequest request = rig.service.raise("deploy", Fields{}, {});
-  rig.service.devices.edit(rig.phone.id, [](Device& d) { d.cloudKey.reset(); });
+  ServiceInternals::devices(rig.service).edit(rig.phone.id, [](Device& d) {
+    d.cloudKey.reset();
+  });
   json deny = good;
   deny["method"] = "POST";
   deny["path"] = "/v1/deny";
   deny["body"] = {{"request_id", request.id}};
   EXPECT_EQ(error(rig.send(deny)), "this device has registered no cloud key");
-  EXPECT_EQ(rig.service.store.get(request.id)->state, RequestState::kDenied);
+  EXPECT_EQ(ServiceInternals::store(rig.service).get(request.id)->state,
+            RequestState::kDenied);
 }
 
 TEST(Routes, ClearRoutesWorkWithoutRequireSealed) {
@@ -268,17 +278,19 @@ TEST(Routes, ClearRoutesWorkWithoutRequireSealed) {
   const Bytes fresh = crypto::XWingPrivateKey::generate().publicKey().raw();
   key["cloud_public_key"] = toBase64(fresh);
   EXPECT_EQ(rig.clear("POST", "/v1/cloud-key", key).status, 200);
-  EXPECT_EQ(rig.service.devices.device(rig.phone.id)->cloudKey, fresh);
+  EXPECT_EQ(
+      ServiceInternals::devices(rig.service).device(rig.phone.id)->cloudKey,
+      fresh);
 
   const Nudge nudge = rig.service.nudge("secret");
   EXPECT_EQ(rig.clear("GET", "/v1/pending").payload["nudge"]["id"], nudge.id);
   json seen = mine;
   seen["id"] = "0000000000000000";
   rig.clear("POST", "/v1/nudge/seen", seen);
-  EXPECT_TRUE(rig.service.nudges.current());
+  EXPECT_TRUE(ServiceInternals::nudges(rig.service).current());
   seen["id"] = nudge.id;
   EXPECT_EQ(rig.clear("POST", "/v1/nudge/seen", seen).status, 200);
-  EXPECT_FALSE(rig.service.nudges.current());
+  EXPECT_FALSE(ServiceInternals::nudges(rig.service).current());
 
   EXPECT_EQ(rig.clear("POST", "/v1/deny", {{"request_id", request.id}})
                 .payload["state"],

@@ -33,10 +33,10 @@ void Runtime::start() {
   }
   running_ = true;
   const Config& config = service_->config;
-  service_->journal.write("started", {{"socket", socketPath_},
-                                      {"listen", Ascii::join(addresses_, ",")},
-                                      {"port", config.listenPort},
-                                      {"sealed", config.requireSealed}});
+  service_->record("started", {{"socket", socketPath_},
+                               {"listen", Ascii::join(addresses_, ",")},
+                               {"port", config.listenPort},
+                               {"sealed", config.requireSealed}});
 }
 
 void Runtime::stop() {
@@ -44,8 +44,8 @@ void Runtime::stop() {
   running_ = false;
   http_->stop();
   agents_->stop();
-  service_->credentials.scrubAll();
-  service_->journal.write("stopped", {});
+  service_->scrubCredentials();
+  service_->record("stopped", {});
 }
 
 }  // namespace tolvanger::service

@@ -10,7 +10,9 @@
 #include "tolvanger/kit/ids.h"
 #include "tolvanger/kit/secret_json.h"
 #include "tolvanger/kit/service_error.h"
+#include "tolvanger/kit/sign_in.h"
 #include "tolvanger/kit/summary.h"
+#include "tolvanger/kit/text.h"
 
 namespace tolvanger::service {
 
@@ -34,22 +36,25 @@ std::string clientOf(const StoredRequest& request) {
   return request.fields.text("client").value_or("-");
 }
 
+// The longest address a sign-in may open, in characters.
+constexpr size_t kMaxSite = 2048;
+
 }  // namespace
 
 Service::Service(Home h, std::optional<Config> c)
     : home(ensured(std::move(h))),
       config(c ? std::move(*c) : Config::load(home)),
-      identity(home),
-      devices(home),
-      pairing(devices, identity, config),
-      store(home, config.redeemGraceSeconds),
-      credentials(config.credentialTTLSeconds),
-      secrets(home),
-      journal(home),
-      chain(home),
-      nudges(300) {
-  identity.daemonID = config.daemonID;
-  identity.ensure();
+      identity_(home),
+      devices_(home),
+      pairing_(devices_, identity_, config),
+      store_(home, config.redeemGraceSeconds),
+      credentials_(config.credentialTTLSeconds),
+      secrets_(home),
+      journal_(home),
+      chain_(home),
+      nudges_(300) {
+  identity_.daemonID = config.daemonID;
+  identity_.ensure();
 }
 
 StoredRequest Service::raise(const std::string& operation, Fields fields,
@@ -61,12 +66,12 @@ StoredRequest Service::raise(const std::string& operation, Fields fields,
     const std::string& name = *options.credentialName;
     if (!Ids::isID(name))
       throw ServiceError::refused("that is not a secret's name");
-    if (!secrets.has(name)) {
+    if (!secrets_.has(name)) {
       throw ServiceError::refused("no phone here holds a secret called " +
                                   name);
     }
   }
-  if (devices.empty()) {
+  if (devices_.empty()) {
     throw ServiceError::refused("no phone is paired with this Mac");
   }
   if (options.credentialName) fields.set("credential", *options.credentialName);
@@ -78,7 +83,7 @@ StoredRequest Service::raise(const std::string& operation, Fields fields,
   request.expiresAt =
       now + (options.fixedLifetime ? *options.fixedLifetime
                                    : config.window(options.ttlSeconds));
-  request.id = store.mint();
+  request.id = store_.mint();
   try {
     request.canonical =
         Canonical::encode(json{{"daemon_id", config.daemonID},
@@ -98,13 +103,14 @@ StoredRequest Service::raise(const std::string& operation, Fields fields,
   request.http = options.wire;
   request.profile = options.profile;
   request.agentProcess = options.agent;
-  store.put(request);
-  chain.raised(request.id);
-  journal.write("raised", {{"request", request.id},
-                           {"operation", operation},
-                           {"credential", options.credentialName.value_or("-")},
-                           {"client", clientOf(request)},
-                           {"off-profile", request.notice.has_value()}});
+  store_.put(request);
+  chain_.raised(request.id);
+  journal_.write("raised",
+                 {{"request", request.id},
+                  {"operation", operation},
+                  {"credential", options.credentialName.value_or("-")},
+                  {"client", clientOf(request)},
+                  {"off-profile", request.notice.has_value()}});
   return request;
 }
 
@@ -115,7 +121,7 @@ bool Service::isCredentialKind(std::string_view kind) {
 
 StoredRequest Service::approve(const Approval& a) {
   // Steps that only check: nothing changes until the store decides.
-  const auto found = store.get(a.requestID);
+  const auto found = store_.get(a.requestID);
   if (!found) throw ServiceError::refused("no such request");
   const StoredRequest& request = *found;
   if (request.state != RequestState::kPending) {
@@ -125,7 +131,7 @@ StoredRequest Service::approve(const Approval& a) {
   if (request.expiresAt <= nowSeconds()) {
     throw ServiceError::refused("that request has expired");
   }
-  const auto device = devices.device(a.deviceID);
+  const auto device = devices_.device(a.deviceID);
   const DeviceKeys::Parsed keys =
       device ? deviceKeys_.of(*device) : DeviceKeys::Parsed{};
   const auto& key = keys.key;
@@ -137,18 +143,18 @@ StoredRequest Service::approve(const Approval& a) {
   const std::string bound = binding(request);
   const auto signature = fromBase64(a.signatureBase64);
   if (!signature || !key->verify(asBytes(bound), *signature)) {
-    journal.write("refused", {{"request", request.id},
-                              {"device", a.deviceID},
-                              {"why", "signature"}});
+    journal_.write("refused", {{"request", request.id},
+                               {"device", a.deviceID},
+                               {"why", "signature"}});
     throw ServiceError::refused("that signature is not this device's");
   }
   if (const auto& pqKey = keys.pq) {
     const auto pqSignature =
         a.pqSignatureBase64 ? fromBase64(*a.pqSignatureBase64) : std::nullopt;
     if (!pqSignature || !pqKey->verify(asBytes(bound), *pqSignature)) {
-      journal.write("refused", {{"request", request.id},
-                                {"device", a.deviceID},
-                                {"why", "pq-signature"}});
+      journal_.write("refused", {{"request", request.id},
+                                 {"device", a.deviceID},
+                                 {"why", "pq-signature"}});
       throw ServiceError::refused(
           "that approval lacks this device's post-quantum signature");
     }
@@ -164,23 +170,23 @@ StoredRequest Service::approve(const Approval& a) {
   // The decision. `opened` wipes its value when it goes out of scope, on
   // this path and every other.
   StoredRequest decided =
-      store.decide(request.id, RequestState::kApproved, a.deviceID);
+      store_.decide(request.id, RequestState::kApproved, a.deviceID);
   if (opened) {
-    credentials.put(decided.id, opened->name, opened->kind,
-                    opened->value.reveal(), opened->expiry, a.deviceID);
+    credentials_.put(decided.id, opened->name, opened->kind,
+                     opened->value.reveal(), opened->expiry, a.deviceID);
     opened->value.wipe();
   }
-  chain.answered(decided.id, a.road, a.stamps);
-  journal.write("approved",
-                {{"request", decided.id},
-                 {"device", a.deviceID},
-                 {"road", a.road},
-                 {"credential", opened ? opened->name : std::string("-")},
-                 {"client", clientOf(decided)}});
-  events.emit(json{{"event", "decided"},
-                   {"request_id", decided.id},
-                   {"state", "approved"},
-                   {"credential", opened.has_value()}});
+  chain_.answered(decided.id, a.road, a.stamps);
+  journal_.write("approved",
+                 {{"request", decided.id},
+                  {"device", a.deviceID},
+                  {"road", a.road},
+                  {"credential", opened ? opened->name : std::string("-")},
+                  {"client", clientOf(decided)}});
+  events_.emit(json{{"event", "decided"},
+                    {"request_id", decided.id},
+                    {"state", "approved"},
+                    {"credential", opened.has_value()}});
   return decided;
 }
 
@@ -197,7 +203,7 @@ OpenedCredential Service::openCredential(const json& envelopeObject,
   }
   SecretJson offer;
   try {
-    SecretBytes plain = CloudSeal::open(envelope, identity.cloudKey());
+    SecretBytes plain = CloudSeal::open(envelope, identity_.cloudKey());
     const ByteView bytes = plain.reveal();
     offer = SecretJson::parse(bytes.begin(), bytes.end(), nullptr, false);
   } catch (const std::exception&) {
@@ -249,21 +255,21 @@ OpenedCredential Service::openCredential(const json& envelopeObject,
 }
 
 StoredRequest Service::cancel(const std::string& requestID) {
-  StoredRequest request = store.decide(requestID, RequestState::kCancelled);
-  credentials.discard(request.id);
-  journal.write("cancelled",
-                {{"request", request.id}, {"client", clientOf(request)}});
+  StoredRequest request = store_.decide(requestID, RequestState::kCancelled);
+  credentials_.discard(request.id);
+  journal_.write("cancelled",
+                 {{"request", request.id}, {"client", clientOf(request)}});
   return request;
 }
 
 StoredRequest Service::deny(const std::string& requestID,
                             const std::string& road, const json* stamps) {
-  StoredRequest request = store.decide(requestID, RequestState::kDenied);
-  chain.answered(request.id, road, stamps);
-  journal.write(
+  StoredRequest request = store_.decide(requestID, RequestState::kDenied);
+  chain_.answered(request.id, road, stamps);
+  journal_.write(
       "denied",
       {{"request", request.id}, {"road", road}, {"client", clientOf(request)}});
-  events.emit(json{
+  events_.emit(json{
       {"event", "decided"}, {"request_id", request.id}, {"state", "denied"}});
   return request;
 }
@@ -285,8 +291,8 @@ std::string Service::binding(const StoredRequest& request) const {
 
 json Service::requestPayload(const StoredRequest& request) {
   const std::string bound = binding(request);
-  const Bytes sig = identity.sign(asBytes(bound));
-  const Bytes sigPQ = identity.signPQ(asBytes(bound));
+  const Bytes sig = identity_.sign(asBytes(bound));
+  const Bytes sigPQ = identity_.signPQ(asBytes(bound));
   return json{{"ok", true},
               {"version", 1},
               {"daemon_id", config.daemonID},
@@ -302,7 +308,7 @@ json Service::requestPayload(const StoredRequest& request) {
 
 json Service::status() {
   json deviceRows = json::array();
-  for (const Device& d : devices.all()) {
+  for (const Device& d : devices_.all()) {
     const bool hasCloudKey = d.cloudKey.has_value();
     deviceRows.push_back(
         json{{"device_id", d.deviceID},
@@ -314,25 +320,25 @@ json Service::status() {
              {"cloud", hasCloudKey}});
   }
   json secretNames = json::array();
-  for (const SecretName& s : secrets.all()) secretNames.push_back(s.name);
+  for (const SecretName& s : secrets_.all()) secretNames.push_back(s.name);
   return json{
       {"ok", true},
       {"daemon_id", config.daemonID},
       {"host", config.host},
       {"version", 1},
-      {"fingerprint", Fingerprint::of(identity.spki())},
-      {"fingerprint_pq", Fingerprint::of(identity.pqPublicKey())},
+      {"fingerprint", Fingerprint::of(identity_.spki())},
+      {"fingerprint_pq", Fingerprint::of(identity_.pqPublicKey())},
       {"devices", std::move(deviceRows)},
       {"secrets", std::move(secretNames)},
-      {"pending", store.pending().size()},
-      {"credentials_held", credentials.count()},
+      {"pending", store_.pending().size()},
+      {"credentials_held", credentials_.count()},
       {"allowances", 0},
       {"require_sealed", config.requireSealed},
       {"max_phones", config.maxPhones},
       {"listen", config.listen},
       {"listen_port", config.listenPort},
       {"addresses", phoneAddresses()},
-      {"chain", chain.report()},
+      {"chain", chain_.report()},
       {"tripwire", json{{"loaded", false}, {"stale", false}}},
       {"cloud", json{{"enabled", config.cloud.enabled},
                      {"container", config.cloud.container},
@@ -350,47 +356,47 @@ json Service::openedReply(const StoredRequest& request) const {
 }
 
 Nudge Service::nudge(const std::string& kind) {
-  if (devices.empty()) {
+  if (devices_.empty()) {
     throw ServiceError::refused("no phone is paired with this Mac");
   }
-  Nudge raised = nudges.raise(kind);
-  journal.write("nudged", {{"kind", raised.kind}, {"nudge", raised.id}});
+  Nudge raised = nudges_.raise(kind);
+  journal_.write("nudged", {{"kind", raised.kind}, {"nudge", raised.id}});
   return raised;
 }
 
 Announced Service::announce(const json& list, std::optional<int64_t> seq,
                             const std::string& deviceID) {
   if (seq) {
-    const auto device = devices.device(deviceID);
+    const auto device = devices_.device(deviceID);
     if (device && device->announceSeq && *device->announceSeq >= *seq) {
-      journal.write("secrets", {{"device", deviceID}, {"stale", *seq}});
+      journal_.write("secrets", {{"device", deviceID}, {"stale", *seq}});
       return Announced{{}, true};
     }
   }
   const int64_t now = nowSeconds();
   std::vector<SecretName> names = buildSecretNames(list, now);
   const size_t count = names.size();
-  std::vector<std::string> added = secrets.replace(std::move(names));
-  if (seq && devices.device(deviceID)) {
-    devices.edit(deviceID, [&](Device& d) { d.announceSeq = *seq; });
+  std::vector<std::string> added = secrets_.replace(std::move(names));
+  if (seq && devices_.device(deviceID)) {
+    devices_.edit(deviceID, [&](Device& d) { d.announceSeq = *seq; });
   }
   std::string joinedAdded;
   for (const auto& name : added) {
     if (!joinedAdded.empty()) joinedAdded += ',';
     joinedAdded += name;
   }
-  journal.write(
+  journal_.write(
       "secrets",
       {{"device", deviceID}, {"count", count}, {"added", joinedAdded}});
   for (const auto& name : added) {
-    events.emit(
+    events_.emit(
         json{{"event", "secret.available"}, {"name", name}, {"at", now}});
   }
   return Announced{std::move(added), false};
 }
 
 bool Service::credentialWaiting(const std::string& requestID) {
-  return credentials.waiting(requestID);
+  return credentials_.waiting(requestID);
 }
 
 bool Service::cloudConnected() const { return false; }
@@ -414,5 +420,199 @@ std::string Service::pairingHost() const {
 void Service::setListenAddresses(std::vector<std::string> addresses) {
   listenAddresses_ = std::move(addresses);
 }
+
+Spent Service::spendCredential(const std::string& requestID) {
+  const StoredRequest request = store_.take(requestID);
+  std::optional<Spent> spent = credentials_.take(requestID);
+  // The request stays taken: a lost credential means a new approval.
+  if (!spent) throw ServiceError::refused(std::string(kCredentialGone));
+  journal_.write("spent",
+                 {{"request", request.id},
+                  {"credential", spent->name},
+                  {"client", request.fields.text("client").value_or("-")}});
+  return std::move(*spent);
+}
+
+// Filing a request for the person to sign in to a site on the phone. The
+// session it yields stays on the phone; the service only ever learns of it
+// from the phone's announcement of its secrets.
+StoredRequest Service::askSignIn(const json& site, const json& secret,
+                                 const json& reason, const std::string& agent,
+                                 const std::optional<std::string>& client) {
+  const std::string* address =
+      site.is_string() ? &site.get_ref<const std::string&>() : nullptr;
+  const std::optional<std::string> host =
+      address != nullptr && !Text::longerThan(*address, kMaxSite)
+          ? SignIn::host(*address)
+          : std::nullopt;
+  if (!host) {
+    throw ServiceError::refused(
+        "a sign-in needs an https address, with no port and no credentials "
+        "in it");
+  }
+
+  std::string name;
+  if (secret.is_string() && !secret.get_ref<const std::string&>().empty()) {
+    name = secret.get<std::string>();
+  } else {
+    name = SignIn::defaultName(*host).value_or("");
+  }
+  if (!SignIn::isName(name)) {
+    throw ServiceError::refused("that is not a name a secret can have");
+  }
+  // Asking again under a cookie secret's name replaces that session; any
+  // other kind under the name would be lost to it.
+  if (const std::optional<SecretName> held = secrets_.get(name);
+      held && held->kind != "cookie") {
+    throw ServiceError::refused("the phone already holds " + name + " as a " +
+                                held->kind +
+                                " secret; save the session under another "
+                                "name");
+  }
+
+  // The reason is the agent's own text: it passes the same checks as any
+  // request's text field, so the phone shows nothing a request could not.
+  Fields fields;
+  if (reason.is_string() && !reason.get_ref<const std::string&>().empty()) {
+    const json given = {{"reason", reason}};
+    fields = Fields::from(&given);
+  } else {
+    fields.set("reason",
+               "sign in so calls to " + *host + " can carry your session");
+  }
+  fields.set("site", *address);
+  fields.set("secret", name);
+  fields.set("agent", agent);
+  if (client) fields.set("client", *client);
+
+  RaiseOptions options;
+  options.fixedLifetime = SignIn::kWindow;
+  return raise(std::string(SignIn::kOperation), std::move(fields), options);
+}
+
+// ---- The agents' doors.
+
+StoredRequest Service::redeem(const std::string& requestID,
+                              const std::optional<std::string>& client) {
+  if (const auto stored = store_.get(requestID); stored && stored->http) {
+    throw ServiceError::refused(
+        "that approval carries a credential \u2014 perform the request it "
+        "authorises");
+  }
+  StoredRequest taken = store_.take(requestID);
+  journal_.write("redeemed",
+                 {{"request", requestID}, {"client", client.value_or("-")}});
+  return taken;
+}
+
+std::optional<StoredRequest> Service::request(std::string_view requestID) {
+  return store_.get(requestID);
+}
+
+std::vector<StoredRequest> Service::pendingRequests() {
+  return store_.pending();
+}
+
+std::vector<SecretName> Service::secretNames() const { return secrets_.all(); }
+
+std::optional<SecretName> Service::secretName(std::string_view name) const {
+  return secrets_.get(name);
+}
+
+bool Service::forgetDevice(std::string_view deviceID) {
+  return devices_.forget(deviceID);
+}
+
+void Service::record(std::string_view event, const JournalFields& fields) {
+  journal_.write(event, fields);
+}
+
+std::vector<std::string> Service::journalTail(size_t n) const {
+  return journal_.tail(n);
+}
+
+PairOpened Service::openPairing(std::optional<std::string> host) {
+  return pairing_.open(std::move(host));
+}
+
+json Service::pairingStatus() const { return pairing_.status(); }
+
+void Service::cancelPairing() { pairing_.cancel(); }
+
+void Service::callerHello(std::string client, std::string agent,
+                          std::string scope) {
+  callers_.hello(std::move(client), std::move(agent), std::move(scope));
+}
+
+void Service::callerGoodbye(std::string_view client, std::string_view agent) {
+  callers_.goodbye(client, agent);
+}
+
+std::vector<Caller> Service::callers() const { return callers_.all(); }
+
+bool Service::callersConnected() const { return callers_.connected(); }
+
+int64_t Service::subscribe(Events::Sink sink) {
+  return events_.subscribe(std::move(sink));
+}
+
+void Service::unsubscribe(int64_t key) { events_.unsubscribe(key); }
+
+// ---- The phone's road.
+
+std::optional<Device> Service::authenticate(std::string_view deviceID,
+                                            std::string_view secret) const {
+  return devices_.authenticate(deviceID, secret);
+}
+
+std::optional<Device> Service::device(std::string_view deviceID) const {
+  return devices_.device(deviceID);
+}
+
+bool Service::setDeviceCloudKey(std::string_view deviceID, const Bytes& key) {
+  return devices_.edit(deviceID,
+                       [&](Device& stored) { stored.cloudKey = key; });
+}
+
+json Service::pairOffer(const json& body) { return pairing_.offer(body); }
+
+PairResult Service::pairConfirm(const json& body) {
+  PairResult result = pairing_.confirm(body);
+  const Device& device = result.device;
+  journal_.write("paired", {{"device", device.deviceID},
+                            {"fingerprint", device.fingerprint()},
+                            {"pq", device.pqFingerprint().value_or("-")}});
+  return result;
+}
+
+PairResult Service::pairRecover(const json& body) {
+  PairResult result = pairing_.recover(body);
+  const Device& device = result.device;
+  journal_.write("recovered", {{"device", device.deviceID},
+                               {"left", device.recovery.size()}});
+  return result;
+}
+
+json Service::cardOffer() { return identity_.cardOffer(); }
+
+const crypto::XWingPrivateKey& Service::cloudKey() const {
+  return identity_.cloudKey();
+}
+
+std::optional<Nudge> Service::currentNudge() { return nudges_.current(); }
+
+bool Service::clearNudgeIf(std::string_view nudgeID) {
+  return nudges_.clearIf(nudgeID);
+}
+
+// ---- The process's own.
+
+std::string Service::fingerprint() { return identity_.fingerprint(); }
+
+std::string Service::pqFingerprint() {
+  return Fingerprint::of(identity_.pqPublicKey());
+}
+
+void Service::scrubCredentials() { credentials_.scrubAll(); }
 
 }  // namespace tolvanger::service

@@ -14,6 +14,7 @@
 
 #include "https_upstream.h"
 #include "testing/paired_phone.h"
+#include "testing/service_internals.h"
 #include "tolvanger/service/http_server.h"
 #include "tolvanger/service/runtime.h"
 
@@ -42,7 +43,7 @@ class SocketGateTest : public ::testing::Test {
   // The one request the gate has filed, once it is there.
   StoredRequest filed() {
     for (int i = 0; i < 1000; ++i) {
-      const auto pending = service().store.pending();
+      const auto pending = ServiceInternals::store(service()).pending();
       if (!pending.empty()) return pending.front();
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
@@ -74,7 +75,8 @@ TEST_F(SocketGateTest, AskEndsWithTheHumansAnswer) {
   EXPECT_EQ(answer.state, Verdict::kApproved);
   EXPECT_EQ(answer.requestID, r.id);
   // The approval was redeemed, so it cannot be spent again.
-  EXPECT_EQ(service().store.get(r.id)->state, RequestState::kTaken);
+  EXPECT_EQ(ServiceInternals::store(service()).get(r.id)->state,
+            RequestState::kTaken);
 
   asked = std::async(std::launch::async, [&] {
     return gate.ask("deploy", json::object(), std::nullopt);
@@ -92,7 +94,8 @@ TEST_F(SocketGateTest, AskEndsWithTheHumansAnswer) {
 }
 
 TEST_F(SocketGateTest, SendGivesTheUpstreamAnswerOnlyWhenApproved) {
-  service().secrets.replace({SecretName{"api", "bearer", {upstream.netloc()}}});
+  ServiceInternals::secrets(service()).replace(
+      {SecretName{"api", "bearer", {upstream.netloc()}}});
   const auto sendOnce = [&] {
     return std::async(std::launch::async, [&] {
       return gate.send("api", "GET",
@@ -144,12 +147,13 @@ TEST_F(SocketGateTest, SignInWatchesForTheSession) {
   };
 
   onSleep = [&] {
-    service().secrets.replace({SecretName{.name = "mail.example",
-                                          .kind = "cookie",
-                                          .hosts = {"mail.example"},
-                                          .updatedAt = 100,
-                                          .signedInAt = 100,
-                                          .expiresBy = 1795416908}});
+    ServiceInternals::secrets(service()).replace(
+        {SecretName{.name = "mail.example",
+                    .kind = "cookie",
+                    .hosts = {"mail.example"},
+                    .updatedAt = 100,
+                    .signedInAt = 100,
+                    .expiresBy = 1795416908}});
   };
   auto signing = signIn(std::nullopt);
   StoredRequest r = filed();
@@ -190,14 +194,15 @@ TEST_F(SocketGateTest, APendingRequestPastItsEndIsGivenUpOn) {
   const GateAnswer answer =
       gateLater.ask("deploy", json::object(), std::nullopt);
   EXPECT_EQ(answer.state, Verdict::kExpired);
-  EXPECT_EQ(service().store.get(answer.requestID)->state,
+  EXPECT_EQ(ServiceInternals::store(service()).get(answer.requestID)->state,
             RequestState::kPending);
 }
 
 TEST_F(SocketGateTest, CredentialsComeFromTheListing) {
   EXPECT_TRUE(gate.credentials().empty());
-  service().secrets.replace({SecretName{"api", "bearer", {"api.example"}},
-                             SecretName{"mail", "cookie", {"mail.example"}}});
+  ServiceInternals::secrets(service()).replace(
+      {SecretName{"api", "bearer", {"api.example"}},
+       SecretName{"mail", "cookie", {"mail.example"}}});
   EXPECT_EQ(gate.credentials().size(), 2u);
   EXPECT_EQ(gate.row("mail").value()["hosts"], json({"mail.example"}));
   EXPECT_FALSE(gate.row("nope").has_value());

@@ -11,6 +11,7 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
+#include "testing/service_internals.h"
 #include "tolvanger/kit/bytes.h"
 #include "tolvanger/kit/cloud_seal.h"
 #include "tolvanger/kit/crypto/mldsa65.h"
@@ -45,19 +46,22 @@ struct Phone {
 
   // Pairs through the window as the pair routes would drive it.
   void pair(Service& service) {
-    const PairOpened opened = service.pairing.open(std::string("127.0.0.1"));
+    const PairOpened opened =
+        ServiceInternals::pairing(service).open(std::string("127.0.0.1"));
     const auto link = PairURL::parse(opened.url);
     ASSERT_TRUE(link.has_value());
-    const nlohmann::json offered = service.pairing.offer(nlohmann::json{
-        {"token", link->token},
-        {"device_id", id},
-        {"name", "Test Phone"},
-        {"public_key", toBase64(key.publicKey().der())},
-        {"public_key_pq", toBase64(pq.publicKey().raw())},
-        {"cloud_public_key", toBase64(cloud.publicKey().raw())}});
+    const nlohmann::json offered =
+        ServiceInternals::pairing(service).offer(nlohmann::json{
+            {"token", link->token},
+            {"device_id", id},
+            {"name", "Test Phone"},
+            {"public_key", toBase64(key.publicKey().der())},
+            {"public_key_pq", toBase64(pq.publicKey().raw())},
+            {"cloud_public_key", toBase64(cloud.publicKey().raw())}});
     ASSERT_EQ(offered["ok"], true) << offered;
-    const std::string code = service.pairing.status()["code"];
-    const PairResult result = service.pairing.confirm(
+    const std::string code =
+        ServiceInternals::pairing(service).status()["code"];
+    const PairResult result = ServiceInternals::pairing(service).confirm(
         nlohmann::json{{"token", link->token}, {"code", code}});
     secret = result.device.secret;
   }
@@ -78,9 +82,8 @@ struct Phone {
                                    const std::string& requestID,
                                    nlohmann::json offer) {
     const std::string text = offer.dump();
-    return CloudSeal::seal(asBytes(text),
-                           service.identity.cloudKey().publicKey(), "cred",
-                           requestID)
+    return CloudSeal::seal(asBytes(text), service.cloudKey().publicKey(),
+                           "cred", requestID)
         .asDictionary();
   }
 

@@ -172,21 +172,87 @@ class Service {
     return listenAddresses_;
   }
 
+  // ---- What the agents' doors read and change.
+
+  // Hands a plain approval to the agent that asked: the request turns taken;
+  // journal line "redeemed". A brokered approval is refused, since only the
+  // call it authorises may spend it. Throws the store's refusal otherwise.
+  StoredRequest redeem(const std::string& requestID,
+                       const std::optional<std::string>& client);
+  // The request as stored, unless it is unknown or has left memory.
+  std::optional<StoredRequest> request(std::string_view requestID);
+  // The pending requests, oldest raised first.
+  std::vector<StoredRequest> pendingRequests();
+  // The announced secrets, by name.
+  std::vector<SecretName> secretNames() const;
+  std::optional<SecretName> secretName(std::string_view name) const;
+  // Forgets a paired phone; false when none has that id.
+  bool forgetDevice(std::string_view deviceID);
+  // Writes one journal line.
+  void record(std::string_view event, const JournalFields& fields = {});
+  // The journal's last `n` lines, oldest first.
+  std::vector<std::string> journalTail(size_t n) const;
+  // The pairing window: open it for `host`, read it, close it.
+  PairOpened openPairing(std::optional<std::string> host);
+  nlohmann::json pairingStatus() const;
+  void cancelPairing();
+  // The agents that said hello, and whether any is still connected.
+  void callerHello(std::string client, std::string agent, std::string scope);
+  void callerGoodbye(std::string_view client, std::string_view agent);
+  std::vector<Caller> callers() const;
+  bool callersConnected() const;
+  // The event stream: a sink gets every event until it is unsubscribed.
+  int64_t subscribe(Events::Sink sink);
+  void unsubscribe(int64_t key);
+
+  // ---- What the phone's road reads and changes.
+
+  // The device, if it is known and `secret` is its secret (constant time).
+  std::optional<Device> authenticate(std::string_view deviceID,
+                                     std::string_view secret) const;
+  std::optional<Device> device(std::string_view deviceID) const;
+  // Records the key a device's answers are sealed to; false when the device
+  // was forgotten meanwhile.
+  bool setDeviceCloudKey(std::string_view deviceID, const Bytes& key);
+  // The pairing window's steps from the phone's side. A confirmed pairing
+  // writes "paired", a recovery "recovered". Throw Pairing's refusals.
+  nlohmann::json pairOffer(const nlohmann::json& body);
+  PairResult pairConfirm(const nlohmann::json& body);
+  PairResult pairRecover(const nlohmann::json& body);
+  // The service's card, signed by both identity keys.
+  nlohmann::json cardOffer();
+  // The key sealed envelopes to this service are opened with.
+  const crypto::XWingPrivateKey& cloudKey() const;
+  std::optional<Nudge> currentNudge();
+  // Clears the nudge only if it is still the one named.
+  bool clearNudgeIf(std::string_view nudgeID);
+
+  // ---- The process's own.
+
+  // Fingerprints of the identity keys, as a person compares them.
+  std::string fingerprint();
+  std::string pqFingerprint();
+  // Wipes every credential still held; at shutdown.
+  void scrubCredentials();
+
   const Home home;
   const Config config;
-  Identity identity;
-  Devices devices;
-  Pairing pairing;
-  Store store;
-  Credentials credentials;
-  SecretNames secrets;
-  Journal journal;
-  Chain chain;
-  Events events;
-  Nudges nudges;
-  Callers callers;
 
  private:
+  // Tests reach the registries through this, and nothing else does.
+  friend struct ServiceInternals;
+
+  Identity identity_;
+  Devices devices_;
+  Pairing pairing_;
+  Store store_;
+  Credentials credentials_;
+  SecretNames secrets_;
+  Journal journal_;
+  Chain chain_;
+  Events events_;
+  Nudges nudges_;
+  Callers callers_;
   DeviceKeys deviceKeys_;
 
   OpenedCredential openCredential(const nlohmann::json& envelope,

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "testing/paired_phone.h"
+#include "testing/service_internals.h"
 #include "tolvanger/kit/service_error.h"
 #include "tolvanger/service/service.h"
 
@@ -16,7 +17,7 @@ class SignInAskTest : public ::testing::Test {
   void SetUp() override {
     service = std::make_unique<Service>(Home(home.path));
     phone.pair(*service);
-    service->secrets.replace(
+    ServiceInternals::secrets(*service).replace(
         {SecretName{"github", "bearer", {"api.github.com"}, {}, 1},
          SecretName{"shop", "cookie", {"shop.example"}, {}, 1}});
   }
@@ -81,7 +82,7 @@ TEST_F(SignInAskTest, RefusesWhatCannotBeASignIn) {
             "session under another name");
   EXPECT_EQ(refusal("https://shop.example/", nullptr, "look\x1b[2Jhere"),
             "reason has control characters in it");
-  EXPECT_TRUE(service->store.pending().empty());
+  EXPECT_TRUE(ServiceInternals::store(*service).pending().empty());
 }
 
 }  // namespace
