@@ -99,15 +99,13 @@ int serve(const std::vector<std::string_view>& args) {
   pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
   signal(SIGPIPE, SIG_IGN);
 
-  Runtime runtime(Home::standard());
   // Only a test names a CA of its own; without the flag the system's store
   // is the only one trusted.
+  tolvanger::service::UpstreamSettings upstream;
   for (size_t i = 0; i + 1 < args.size(); ++i) {
-    if (args[i] == "--test-ca") {
-      runtime.service().setUpstream(
-          tolvanger::service::UpstreamSettings{std::string(args[i + 1])});
-    }
+    if (args[i] == "--test-ca") upstream.testCAFile = std::string(args[i + 1]);
   }
+  Runtime runtime(Home::standard(), std::nullopt, std::move(upstream));
   runtime.start();
   if (!quiet) {
     const auto& service = runtime.service();

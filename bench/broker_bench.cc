@@ -42,9 +42,9 @@ struct World {
     Config config = Config::defaults();
     config.listen = {"127.0.0.1"};
     config.listenPort = FreePort::pick(20000 + (::getpid() % 12000), 200);
-    runtime = std::make_unique<Runtime>(Home(dir.file("home")), config);
+    runtime = std::make_unique<Runtime>(Home(dir.file("home")), config,
+                                        UpstreamSettings{dir.file("ca.pem")});
     Service& s = runtime->service();
-    s.setUpstream(UpstreamSettings{dir.file("ca.pem")});
     Device phone;
     phone.deviceID = "phone-1";
     phone.name = "Bench Phone";
@@ -69,7 +69,7 @@ struct World {
                    {"method", "GET"},
                    {"url", "https://" + upstream.netloc() + "/v1/items"}};
     ask.agent = "bench";
-    const std::string id = Broker::request(s, ask)["request_id"];
+    const std::string id = runtime->broker().request(ask)["request_id"];
     const StoredRequest r = *ServiceInternals::store(s).get(id);
     const std::string bound = s.binding(r);
     const json envelope =
@@ -124,7 +124,7 @@ void BM_PerformInProcess(benchmark::State& state) {
     state.PauseTiming();
     const std::string id = w.approved();
     state.ResumeTiming();
-    benchmark::DoNotOptimize(Broker::perform(w.runtime->service(), id));
+    benchmark::DoNotOptimize(w.runtime->broker().perform(id));
   }
 }
 BENCHMARK(BM_PerformInProcess)
@@ -151,7 +151,7 @@ void BM_BrokerSendOnly(benchmark::State& state) {
     headers.push_back({"authorization", SecretBytes(asBytes(header))});
     state.ResumeTiming();
     benchmark::DoNotOptimize(
-        Broker::send(wire, headers, w.runtime->service().upstream()));
+        Broker::send(wire, headers, UpstreamSettings{w.dir.file("ca.pem")}));
   }
 }
 BENCHMARK(BM_BrokerSendOnly)

@@ -22,30 +22,35 @@ namespace {
 struct Shared {
   std::string dir;
   std::unique_ptr<tolvanger::service::Service> service;
+  std::unique_ptr<tolvanger::service::Broker> broker;
   Shared() {
     dir = (std::filesystem::temp_directory_path() / "tolvanger-fuzz-XXXXXX")
               .string();
     if (::mkdtemp(dir.data()) == nullptr) std::abort();
     service = std::make_unique<tolvanger::service::Service>(
         tolvanger::service::Home(dir));
+    broker = std::make_unique<tolvanger::service::Broker>(
+        *service, tolvanger::service::UpstreamSettings{});
   }
   ~Shared() {
+    broker.reset();
     service.reset();
     std::filesystem::remove_all(dir);
   }
 };
 
-tolvanger::service::Service& sharedService() {
-  static Shared shared;
-  return *shared.service;
+Shared& shared() {
+  static Shared one;
+  return one;
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  auto& service = sharedService();
+  auto& scene = shared();
   auto session = tolvanger::service::AgentSession::create(
-      service, "fuzz", std::nullopt, [](std::string_view line) {
+      *scene.service, *scene.broker, "fuzz", std::nullopt,
+      [](std::string_view line) {
         const auto reply = nlohmann::json::parse(line, nullptr, false);
         if (!reply.is_object() || !reply.contains("ok") ||
             !reply["ok"].is_boolean()) {

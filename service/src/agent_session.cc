@@ -64,17 +64,20 @@ std::string dumpLine(const json& object) {
 }  // namespace
 
 std::shared_ptr<AgentSession> AgentSession::create(
-    Service& service, std::string process,
+    Service& service, Broker& broker, std::string process,
     std::optional<AgentProcess> agentProcess, Sender send,
     const std::atomic<bool>* stopping) {
-  return std::shared_ptr<AgentSession>(new AgentSession(
-      service, std::move(process), agentProcess, std::move(send), stopping));
+  return std::shared_ptr<AgentSession>(
+      new AgentSession(service, broker, std::move(process), agentProcess,
+                       std::move(send), stopping));
 }
 
-AgentSession::AgentSession(Service& service, std::string process,
+AgentSession::AgentSession(Service& service, Broker& broker,
+                           std::string process,
                            std::optional<AgentProcess> agentProcess,
                            Sender send, const std::atomic<bool>* stopping)
     : service_(service),
+      broker_(broker),
       process_(std::move(process)),
       agentProcess_(agentProcess),
       send_(std::move(send)),
@@ -183,7 +186,7 @@ json AgentSession::dispatch(const std::string& op, const json& line,
       names.push_back(name.asDictionary());
     return json{{"ok", true},
                 {"secrets", std::move(names)},
-                {"credentials", Broker::credentials(service_)}};
+                {"credentials", broker_.credentials()}};
   }
   if (op == "proxy.request") {
     Broker::Ask ask;
@@ -195,9 +198,9 @@ json AgentSession::dispatch(const std::string& op, const json& line,
     ask.agent = process_.empty() ? "-" : process_;
     ask.client = client;
     ask.process = agentProcess_;
-    return Broker::request(service_, ask);
+    return broker_.request(ask);
   }
-  if (op == "proxy.perform") return Broker::perform(service_, requiredID(line));
+  if (op == "proxy.perform") return broker_.perform(requiredID(line));
   if (op == "signin.request") {
     const auto given = [&](const char* key) {
       const auto it = line.find(key);

@@ -34,8 +34,8 @@ bool writeAll(int fd, std::string_view data) {
 
 }  // namespace
 
-AgentSocket::AgentSocket(Service& service, std::string path)
-    : service_(service), path_(std::move(path)) {}
+AgentSocket::AgentSocket(Service& service, Broker& broker, std::string path)
+    : service_(service), broker_(broker), path_(std::move(path)) {}
 
 AgentSocket::~AgentSocket() { stop(); }
 
@@ -139,7 +139,7 @@ void AgentSocket::serve(int fd, std::string process, pid_t pid) {
   pthread_setname_np(pthread_self(), "tolvanger.agent");
   {
     auto session = AgentSession::create(
-        service_, std::move(process), AgentProcess::of(pid),
+        service_, broker_, std::move(process), AgentProcess::of(pid),
         [fd](std::string_view line) {
           std::string framed;
           framed.reserve(line.size() + 1);

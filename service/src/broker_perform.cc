@@ -314,8 +314,8 @@ json Broker::send(const Wire& wire, const std::vector<OutgoingHeader>& headers,
   return reply;
 }
 
-json Broker::perform(Service& service, const std::string& requestID) {
-  const std::optional<StoredRequest> stored = service.request(requestID);
+json Broker::perform(const std::string& requestID) {
+  const std::optional<StoredRequest> stored = service_.request(requestID);
   if (!stored) throw ServiceError::refused("no request under that id");
   if (!stored->http) {
     throw ServiceError::refused(
@@ -354,17 +354,17 @@ json Broker::perform(Service& service, const std::string& requestID) {
 
   // The pins as the phone states them now: a host unpinned since the
   // approval wins over it.
-  const Pins pins = Broker::pins(service, wire.secret);
-  pins.allow(wire, "the " + wire.secret + " credential");
+  const Pins pinned = pins(wire.secret);
+  pinned.allow(wire, "the " + wire.secret + " credential");
 
   // From here on the approval is gone, whatever happens on the wire.
-  Spent spent = service.spendCredential(requestID);
+  Spent spent = service_.spendCredential(requestID);
   struct Wipe {
     SecretBytes& bytes;
     ~Wipe() { bytes.wipe(); }
   } wipeSpent{spent.value};
 
-  auto [headerName, headerValue] = pins.attach(spent.value.reveal());
+  auto [headerName, headerValue] = pinned.attach(spent.value.reveal());
   spent.value.wipe();  // the header now holds the only copy
 
   std::vector<OutgoingHeader> outgoing;
@@ -380,15 +380,15 @@ json Broker::perform(Service& service, const std::string& requestID) {
   }
   if (!filled) outgoing.push_back({headerName, std::move(headerValue)});
 
-  json reply = send(wire, outgoing, service.upstream());
+  json reply = send(wire, outgoing, upstream_);
   outgoing.clear();
 
   reply["ok"] = true;
   reply["request_id"] = requestID;
   reply["device_id"] = spent.deviceID;
-  service.record("performed", {{"request", requestID},
-                               {"operation", stored->operation},
-                               {"status", reply["status"].get<int64_t>()}});
+  service_.record("performed", {{"request", requestID},
+                                {"operation", stored->operation},
+                                {"status", reply["status"].get<int64_t>()}});
   return reply;
 }
 

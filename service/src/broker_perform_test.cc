@@ -29,7 +29,7 @@ class BrokerPerformTest : public ::testing::Test {
     caFile = scratch.path + "/ca.pem";
     upstream.writeCA(caFile);
     service = std::make_unique<Service>(Home(home.path));
-    service->setUpstream(UpstreamSettings{caFile});
+    broker = std::make_unique<Broker>(*service, UpstreamSettings{caFile});
     phone.pair(*service);
     pinTo({upstream.netloc()});
   }
@@ -50,7 +50,7 @@ class BrokerPerformTest : public ::testing::Test {
     ask.request = std::move(request);
     ask.agent = "test";
     ask.client = "claude";
-    return Broker::request(*service, ask)["request_id"];
+    return broker->request(ask)["request_id"];
   }
 
   // Raises, approves with the credential, and gives the id.
@@ -64,13 +64,12 @@ class BrokerPerformTest : public ::testing::Test {
   }
 
   json get(const std::string& path) {
-    return Broker::perform(*service,
-                           approved({{"method", "GET"}, {"url", url(path)}}));
+    return broker->perform(approved({{"method", "GET"}, {"url", url(path)}}));
   }
 
   std::string refusal(const std::string& id) {
     try {
-      Broker::perform(*service, id);
+      broker->perform(id);
     } catch (const ServiceError& e) {
       return e.what();
     }
@@ -88,6 +87,7 @@ class BrokerPerformTest : public ::testing::Test {
   std::string caFile;
   HTTPSUpstream upstream;
   std::unique_ptr<Service> service;
+  std::unique_ptr<Broker> broker;
   Phone phone;
 };
 
@@ -97,7 +97,7 @@ TEST_F(BrokerPerformTest, SendsTheApprovedCallOnceWithTheCredential) {
                 {"url", url("/v1/caf%C3%A9?q=a%20b")},
                 {"headers", {{"X-Trace", "7"}, {"Authorization", ""}}},
                 {"body", "hello"}});
-  const json reply = Broker::perform(*service, id);
+  const json reply = broker->perform(id);
   EXPECT_EQ(reply["request_id"], id);
   EXPECT_EQ(reply["status"], 200);
   EXPECT_EQ(reply["body"], R"({"ok":true})");
@@ -199,7 +199,7 @@ TEST_F(BrokerPerformTest, AStoredWireChangedAfterSigningNeverGoesOut) {
 
   // Nothing was spent: the untouched request still performs.
   ServiceInternals::store(*service).put(original);
-  EXPECT_EQ(Broker::perform(*service, id)["status"], 200);
+  EXPECT_EQ(broker->perform(id)["status"], 200);
 }
 
 TEST_F(BrokerPerformTest, PinsRemovedAfterApprovalWin) {
@@ -221,7 +221,7 @@ TEST_F(BrokerPerformTest, ACredentialGoneLeavesTheApprovalSpent) {
 }
 
 TEST_F(BrokerPerformTest, AnUntrustedServerFailsAndSpendsTheApproval) {
-  service->setUpstream(UpstreamSettings{});
+  broker = std::make_unique<Broker>(*service, UpstreamSettings{});
   const std::string id = approved({{"method", "GET"}, {"url", url("/")}});
   const std::string sentence = refusal(id);
   EXPECT_EQ(

@@ -228,10 +228,8 @@ bool readable(std::string_view body) {
 
 }  // namespace
 
-namespace Broker {
-
-Wire check(const json& request, const std::string& secret, const Pins& pins,
-           std::string_view called) {
+Wire Broker::check(const json& request, const std::string& secret,
+                   const Pins& pins, std::string_view called) {
   const json* method = member(request, "method");
   if (method == nullptr || !method->is_string()) {
     refuse(std::string(called) + " sends " + Ascii::join(pins.methods, " or ") +
@@ -256,7 +254,7 @@ Wire check(const json& request, const std::string& secret, const Pins& pins,
   return wire;
 }
 
-Fields structuralFields(const Wire& wire, bool showBody) {
+Fields Broker::structuralFields(const Wire& wire, bool showBody) {
   Fields fields;
   fields.set("credential", wire.secret);
   fields.set("method", wire.method);
@@ -277,8 +275,9 @@ Fields structuralFields(const Wire& wire, bool showBody) {
   return fields;
 }
 
-std::optional<std::string> onlyOne(const std::vector<SecretName>& names,
-                                   const std::vector<std::string>& hosts) {
+std::optional<std::string> Broker::onlyOne(
+    const std::vector<SecretName>& names,
+    const std::vector<std::string>& hosts) {
   std::set<std::string, std::less<>> wanted;
   for (const std::string& host : hosts) wanted.insert(Ascii::lower(host));
   std::optional<std::string> found;
@@ -296,11 +295,11 @@ std::optional<std::string> onlyOne(const std::vector<SecretName>& names,
   return found;
 }
 
-Pins pins(Service& service, const std::string& name) {
-  return pinsOf(service.secretName(name), name);
+Pins Broker::pins(const std::string& name) const {
+  return pinsOf(service_.secretName(name), name);
 }
 
-json request(Service& service, const Ask& ask) {
+json Broker::request(const Ask& ask) {
   if (ask.operation && *ask.operation != kOperation) {
     refuse("no such operation");
   }
@@ -326,7 +325,7 @@ json request(Service& service, const Ask& ask) {
            "credentials listing");
   }
   const std::string name = secret->get<std::string>();
-  const auto found = service.secretName(name);
+  const auto found = service_.secretName(name);
   const Pins pins = pinsOf(found, name);
 
   Wire wire = check(ask.request, name, pins, kOperation);
@@ -358,13 +357,13 @@ json request(Service& service, const Ask& ask) {
   options.agent = ask.process;
   options.wire = std::move(wire);
   const StoredRequest stored =
-      service.raise(std::string(kOperation), std::move(fields), options);
-  return service.openedReply(stored);
+      service_.raise(std::string(kOperation), std::move(fields), options);
+  return service_.openedReply(stored);
 }
 
-json credentials(Service& service) {
+json Broker::credentials() const {
   json list = json::array();
-  for (const SecretName& name : service.secretNames()) {
+  for (const SecretName& name : service_.secretNames()) {
     json entry = {{"name", name.name},
                   {"kind", name.kind},
                   {"held", "phone"},
@@ -387,7 +386,5 @@ json credentials(Service& service) {
   }
   return list;
 }
-
-}  // namespace Broker
 
 }  // namespace tolvanger::service

@@ -18,6 +18,7 @@ class BrokerRequestTest : public ::testing::Test {
  protected:
   void SetUp() override {
     service = std::make_unique<Service>(Home(home.path));
+    broker = std::make_unique<Broker>(*service, UpstreamSettings{});
     phone.pair(*service);
     SecretName session{"site", "cookie", {"www.host"}, {}, 7, 5, 9};
     session.userAgent = "Browser/1";
@@ -34,7 +35,7 @@ class BrokerRequestTest : public ::testing::Test {
         std::move(op), std::move(request), " \n read it \r\n", {}, "tool",
         "claude"};
     try {
-      const json reply = Broker::request(*service, a);
+      const json reply = broker->request(a);
       return *ServiceInternals::store(*service).get(
           reply["request_id"].get<std::string>());
     } catch (const ServiceError& e) {
@@ -58,6 +59,7 @@ class BrokerRequestTest : public ::testing::Test {
 
   TempHome home;
   std::unique_ptr<Service> service;
+  std::unique_ptr<Broker> broker;
   Phone phone;
 };
 
@@ -188,7 +190,7 @@ TEST(BrokerFields, BodyTextOnlyWhenReadableAndShort) {
 }
 
 TEST_F(BrokerRequestTest, CredentialsListingAndOnlyOne) {
-  const json list = Broker::credentials(*service);
+  const json list = broker->credentials();
   ASSERT_EQ(list.size(), 3u);
   EXPECT_EQ(list[0]["spend"], "attach");
   EXPECT_EQ(list[0]["hosts"], json({"api.host:8443"}));

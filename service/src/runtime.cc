@@ -8,8 +8,10 @@ namespace tolvanger::service {
 
 namespace {}  // namespace
 
-Runtime::Runtime(Home home, std::optional<Config> config)
-    : service_(std::make_unique<Service>(std::move(home), std::move(config))) {
+Runtime::Runtime(Home home, std::optional<Config> config,
+                 UpstreamSettings upstream)
+    : service_(std::make_unique<Service>(std::move(home), std::move(config))),
+      broker_(std::make_unique<Broker>(*service_, std::move(upstream))) {
   routes_ = std::make_unique<Routes>(*service_);
   addresses_ = LocalAddress::resolve(service_->config.listen);
   http_ = std::make_unique<HTTPServer>(
@@ -17,7 +19,7 @@ Runtime::Runtime(Home home, std::optional<Config> config)
       static_cast<int>(service_->config.listenPort));
   service_->setListenAddresses(addresses_);
   socketPath_ = service_->home.file("tolvanger.sock");
-  agents_ = std::make_unique<AgentSocket>(*service_, socketPath_);
+  agents_ = std::make_unique<AgentSocket>(*service_, *broker_, socketPath_);
 }
 
 Runtime::~Runtime() { stop(); }

@@ -31,9 +31,9 @@ class SocketGateTest : public ::testing::Test {
     config.listen = {"127.0.0.1"};
     config.listenPort = FreePort::pick(20000 + ::getpid() % 12000, 200);
     config.cloud.enabled = false;
-    runtime = std::make_unique<Runtime>(Home(home.path), config);
     upstream.writeCA(scratch.path + "/ca.pem");
-    service().setUpstream(UpstreamSettings{scratch.path + "/ca.pem"});
+    runtime = std::make_unique<Runtime>(
+        Home(home.path), config, UpstreamSettings{scratch.path + "/ca.pem"});
     phone.pair(service());
     runtime->start();
   }

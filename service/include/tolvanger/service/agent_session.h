@@ -29,6 +29,7 @@
 
 namespace tolvanger::service {
 
+class Broker;
 class Service;
 
 class AgentSession : public std::enable_shared_from_this<AgentSession> {
@@ -45,7 +46,7 @@ class AgentSession : public std::enable_shared_from_this<AgentSession> {
   // `process` is the far process's label (already made safe for the journal)
   // or empty; `stopping` (may be null) ends long polls when the service stops.
   static std::shared_ptr<AgentSession> create(
-      Service& service, std::string process,
+      Service& service, Broker& broker, std::string process,
       std::optional<AgentProcess> agentProcess, Sender send,
       const std::atomic<bool>* stopping = nullptr);
   ~AgentSession();
@@ -71,7 +72,7 @@ class AgentSession : public std::enable_shared_from_this<AgentSession> {
   static std::string labelFor(std::string_view executableName);
 
  private:
-  AgentSession(Service& service, std::string process,
+  AgentSession(Service& service, Broker& broker, std::string process,
                std::optional<AgentProcess> agentProcess, Sender send,
                const std::atomic<bool>* stopping);
 
@@ -85,6 +86,7 @@ class AgentSession : public std::enable_shared_from_this<AgentSession> {
   void sendLine(const nlohmann::json& object);
 
   Service& service_;
+  Broker& broker_;
   const std::string process_;
   const std::optional<AgentProcess> agentProcess_;
   const Sender send_;

@@ -24,11 +24,12 @@
 
 namespace tolvanger::service {
 
+class Broker;
 class Service;
 
 class AgentSocket {
  public:
-  AgentSocket(Service& service, std::string path);
+  AgentSocket(Service& service, Broker& broker, std::string path);
   ~AgentSocket();
 
   AgentSocket(const AgentSocket&) = delete;
@@ -50,6 +51,7 @@ class AgentSocket {
   void serve(int fd, std::string process, pid_t pid);
 
   Service& service_;
+  Broker& broker_;
   const std::string path_;
   std::atomic<bool> stopping_{false};
   std::thread acceptThread_;

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "tolvanger/service/agent_socket.h"
+#include "tolvanger/service/broker.h"
 #include "tolvanger/service/config.h"
 #include "tolvanger/service/home.h"
 #include "tolvanger/service/http_server.h"
@@ -22,8 +23,10 @@ namespace tolvanger::service {
 
 class Runtime {
  public:
-  // Builds the service; throws what its construction throws.
-  explicit Runtime(Home home, std::optional<Config> config = std::nullopt);
+  // Builds the service and its broker, whose outgoing calls use `upstream`;
+  // throws what the service's construction throws.
+  explicit Runtime(Home home, std::optional<Config> config = std::nullopt,
+                   UpstreamSettings upstream = {});
   ~Runtime();
 
   Runtime(const Runtime&) = delete;
@@ -37,11 +40,13 @@ class Runtime {
   void stop();
 
   Service& service() { return *service_; }
+  Broker& broker() { return *broker_; }
   const std::string& socketPath() const { return socketPath_; }
   const std::vector<std::string>& addresses() const { return addresses_; }
 
  private:
   std::unique_ptr<Service> service_;
+  std::unique_ptr<Broker> broker_;
   std::unique_ptr<Routes> routes_;
   std::unique_ptr<HTTPServer> http_;
   std::string socketPath_;

@@ -163,11 +163,6 @@ class Service {
 
   void setListenAddresses(std::vector<std::string> addresses);
 
-  // How brokered calls go out. Set once, before any listener starts.
-  void setUpstream(UpstreamSettings settings) {
-    upstream_ = std::move(settings);
-  }
-  const UpstreamSettings& upstream() const { return upstream_; }
   const std::vector<std::string>& listenAddresses() const {
     return listenAddresses_;
   }
@@ -259,7 +254,6 @@ class Service {
                                   const StoredRequest& request);
 
   std::vector<std::string> listenAddresses_;
-  UpstreamSettings upstream_;
 };
 
 }  // namespace tolvanger::service
