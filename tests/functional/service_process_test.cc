@@ -24,6 +24,7 @@ namespace tolvanger::testing {
 namespace {
 
 using nlohmann::json;
+namespace fs = std::filesystem;
 
 int modeOf(const std::string& path) {
   struct stat st = {};
@@ -267,6 +268,59 @@ TEST_F(AgentSocketTest, ALineOverTheLimitIsRefusedAndClosesTheConnection) {
   // The service goes on serving others.
   SocketClient d(service_->socketPath());
   EXPECT_EQ(hello(d)["ok"], true);
+}
+
+// An agent whose executable's name holds a blank and "=" says hello without
+// a client and names one in its request's fields: the request carries the
+// service's knowledge of the peer, and no journal line gains an item.
+TEST_F(AgentSocketTest, ACallerCannotNameItsClientOrForgeAJournalItem) {
+  pairPhone(home_);
+  start();
+  const std::string program = dir_.file("evil agent=x credential=forged");
+  fs::copy_file(TOLVANGER_LINE_AGENT_BIN, program);
+  fs::permissions(program, fs::perms::owner_all);
+  Child agent({program, service_->socketPath()});
+  const auto call = [&](const json& line) {
+    EXPECT_TRUE(agent.write(line.dump() + "\n"));
+    const auto reply = agent.readLine();
+    return reply ? json::parse(*reply) : json();
+  };
+  const json forged = {{"client", "claude credential=forged request=rfake"},
+                       {"agent", "someone else"},
+                       {"reason", "ship it"}};
+  EXPECT_EQ(call({{"op", "hello"}})["agent"], "evil-agent-x-credential-forged");
+  const json first = call(
+      {{"op", "request"}, {"operation", "deploy.prod"}, {"fields", forged}});
+  ASSERT_EQ(first["ok"], true) << first;
+
+  SocketClient admin(service_->socketPath());
+  hello(admin, "admin");
+  const json pending = admin.call({{"op", "request.pending"}});
+  ASSERT_EQ(pending["requests"].size(), 1u);
+  EXPECT_EQ(pending["requests"][0]["client"], "");
+
+  // With a client of its own, that one stands in the request instead.
+  EXPECT_EQ(call({{"op", "hello"}, {"client", "codex"}})["client"], "codex");
+  const json second = call(
+      {{"op", "request"}, {"operation", "deploy.prod"}, {"fields", forged}});
+  ASSERT_EQ(second["ok"], true) << second;
+  agent.wait();
+
+  ASSERT_EQ(service_->stop(), 0);
+  const std::string clock = "^\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d";
+  EXPECT_TRUE(journalHas(home_, clock +
+                                    " raised client=- credential=- "
+                                    "off-profile=false operation=deploy.prod "
+                                    "request=" +
+                                    first["request_id"].get<std::string>() +
+                                    "$"));
+  EXPECT_TRUE(journalHas(home_, clock +
+                                    " raised client=codex credential=- "
+                                    "off-profile=false operation=deploy.prod "
+                                    "request=" +
+                                    second["request_id"].get<std::string>() +
+                                    "$"));
+  EXPECT_FALSE(journalHas(home_, "forged|rfake"));
 }
 
 TEST_F(AgentSocketTest, AnotherAccountIsRefusedAndJournaled) {

@@ -219,8 +219,14 @@ json AgentSession::dispatch(const std::string& op, const json& line,
     if (!operation) return failure("no operation named");
     const auto fieldsIt = line.find("fields");
     Fields fields = Fields::from(fieldsIt == line.end() ? nullptr : &*fieldsIt);
+    // Who asked is what the service knows of the peer, never what the line
+    // says: a caller's own agent and client are replaced, or removed.
     fields.set("agent", process_.empty() ? "-" : process_);
-    if (client) fields.set("client", *client);
+    if (client) {
+      fields.set("client", *client);
+    } else {
+      fields.remove("client");
+    }
     RaiseOptions options;
     options.ttlSeconds = integerAt(line, "ttl_s");
     return service_.openedReply(

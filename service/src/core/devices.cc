@@ -216,21 +216,33 @@ void Devices::put(Device device) {
 
 bool Devices::edit(std::string_view id,
                    const std::function<void(Device&)>& change) {
+  if (!editInMemory(id, change)) return false;
+  writeFile();
+  return true;
+}
+
+bool Devices::editInMemory(std::string_view id,
+                           const std::function<void(Device&)>& change) {
+  MutexLock lock(mu_);
+  auto it = byID_.find(id);
+  if (it == byID_.end()) return false;
+  Device copy = it->second;
+  change(copy);
+  copy.deviceID = it->first;
+  it->second = std::move(copy);
+  ++version_;
+  return true;
+}
+
+void Devices::writeFile() {
   std::vector<Device> snapshot;
   uint64_t version;
   {
     MutexLock lock(mu_);
-    auto it = byID_.find(id);
-    if (it == byID_.end()) return false;
-    Device copy = it->second;
-    change(copy);
-    copy.deviceID = it->first;
-    it->second = std::move(copy);
-    version = ++version_;
     snapshot = sortedLocked();
+    version = version_;
   }
   persist(snapshot, version);
-  return true;
 }
 
 bool Devices::forget(std::string_view id) {

@@ -43,20 +43,6 @@ void makeDirectory(const std::string& path) {
              "could not make the directory " + path);
 }
 
-// Writes all of `size` bytes, riding out short writes and interruptions.
-bool writeAll(int fd, const uint8_t* data, size_t size) {
-  while (size > 0) {
-    ssize_t n = ::write(fd, data, size);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return false;
-    }
-    data += n;
-    size -= static_cast<size_t>(n);
-  }
-  return true;
-}
-
 }  // namespace
 
 Home::Home(std::string path) : path_(std::move(path)) {}
@@ -177,23 +163,29 @@ bool Home::appendLine(std::string_view name, std::string_view line) const {
   bytes.reserve(line.size() + 1);
   bytes.append(line);
   bytes.push_back('\n');
+  return appendBytes(name, bytes);
+}
 
-  // O_APPEND puts every write at the end in one step, so lines of several
-  // writers never interleave.
-  int fd = open(file(name).c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
-  if (fd < 0) {
-    if (errno != ENOENT) return false;
-    try {
-      writeAtomically(bytes, name);
-      return true;
-    } catch (const std::exception&) {
-      return false;
-    }
+bool Home::appendLines(std::string_view name,
+                       const std::vector<std::string>& lines) const {
+  std::string bytes;
+  for (const std::string& line : lines) {
+    bytes.append(line);
+    bytes.push_back('\n');
   }
-  bool ok = writeAll(fd, reinterpret_cast<const uint8_t*>(bytes.data()),
-                     bytes.size());
-  if (close(fd) != 0) ok = false;
-  return ok;
+  return bytes.empty() || appendBytes(name, bytes);
+}
+
+bool Home::appendBytes(std::string_view name, std::string_view bytes) const {
+  const int error = port::appendLines(file(name), bytes.data(), bytes.size());
+  if (error != ENOENT) return error == 0;
+  // The first lines make the file, whole or not at all.
+  try {
+    writeAtomically(bytes, name);
+    return true;
+  } catch (const std::exception&) {
+    return false;
+  }
 }
 
 }  // namespace tolvanger::service

@@ -8,6 +8,8 @@
 #include <string>
 #include <system_error>
 
+#include "testing/full_disk.h"
+
 namespace tolvanger::service {
 namespace {
 
@@ -92,9 +94,10 @@ TEST(HomeTest, WriteAtomicallyReplacesWholeWithMode0600) {
   EXPECT_EQ(modeOf(home.file("devices.json")), 0600u);
   EXPECT_FALSE(fs::exists(home.file("devices.json.tmp")));
 
-  // The logs append to what is there, and make a missing file 0600.
+  // The logs append to what is there, on a line of its own, and make a
+  // missing file 0600.
   EXPECT_TRUE(home.appendLine("devices.json", "more"));
-  EXPECT_EQ(home.read("devices.json"), "newmore\n");
+  EXPECT_EQ(home.read("devices.json"), "new\nmore\n");
   ASSERT_TRUE(home.appendLine("log", "first"));
   EXPECT_EQ(modeOf(home.file("log")), 0600u);
   EXPECT_EQ(home.read("log"), "first\n");
@@ -107,6 +110,30 @@ TEST(HomeTest, WriteAtomicallyReplacesWholeWithMode0600) {
   EXPECT_EQ(home.readTail("log", 13), "first\nsecond\n");
   EXPECT_EQ(home.readTail("log", 3), "");
   EXPECT_FALSE(home.readTail("missing", 10).has_value());
+}
+
+TEST(HomeTest, AnAppendIsWholeOrAbsentAndMendsATornEnd) {
+  TempDir dir;
+  Home home(dir.path());
+  ASSERT_TRUE(home.appendLine("log", "first"));
+  {
+    FullDisk disk(4);  // room for a part of the next line only
+    EXPECT_FALSE(home.appendLine("log", "second"));
+    EXPECT_EQ(home.read("log"), "first\n");
+    EXPECT_FALSE(home.appendLines("log", {"a", "b"}));
+    EXPECT_FALSE(home.appendLine("new", "x"));
+    EXPECT_FALSE(fs::exists(home.file("new")));
+    EXPECT_FALSE(fs::exists(home.file("new.tmp")));
+    disk.free(64);
+    EXPECT_TRUE(home.appendLine("log", "third"));
+    EXPECT_TRUE(home.appendLines("log", {}));
+  }
+  EXPECT_EQ(home.read("log"), "first\nthird\n");
+
+  // A line torn before this process began: what follows starts a line.
+  home.writeAtomically("first\nsec", "log");
+  ASSERT_TRUE(home.appendLines("log", {"x", "y"}));
+  EXPECT_EQ(home.read("log"), "first\nsec\nx\ny\n");
 }
 
 TEST(HomeTest, FailedWritesThrowAndLeaveNoScratch) {

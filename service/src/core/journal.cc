@@ -1,9 +1,11 @@
 #include "tolvanger/service/journal.h"
 
 #include <time.h>
+#include <unicode/uchar.h>
+#include <unicode/utf8.h>
 
-#include <algorithm>
 #include <chrono>
+#include <cstdint>
 
 #include "tolvanger/kit/text.h"
 
@@ -47,20 +49,66 @@ Journal::Journal(Home home, Clock now)
 
 namespace {
 
+// True for a character that must not stand as itself on a line: one that
+// could end an item or the line ("=", blanks and all other white space, line
+// and paragraph separators), a control or formatting character, and "%",
+// which introduces an escape.
+bool escaped(UChar32 c) {
+  if (c == '=' || c == '%' || c <= 0x20 || c == 0x7F) return true;
+  if (c < 0x80) return false;
+  switch (u_charType(c)) {
+    case U_CONTROL_CHAR:
+    case U_FORMAT_CHAR:
+    case U_SPACE_SEPARATOR:
+    case U_LINE_SEPARATOR:
+    case U_PARAGRAPH_SEPARATOR:
+      return true;
+    default:
+      return false;
+  }
+}
+
+// `text` as it stands on a line: each byte of an escaped character, and
+// each byte that is not part of valid UTF-8, becomes "%" and two upper-case
+// hexadecimal digits. Every piece of a line passes through here, so nothing
+// from outside can add an item or a line, or make the file other than UTF-8.
+std::string encode(std::string_view text) {
+  static constexpr char kHex[] = "0123456789ABCDEF";
+  std::string out;
+  out.reserve(text.size());
+  const auto* bytes = reinterpret_cast<const uint8_t*>(text.data());
+  const auto length = static_cast<int64_t>(text.size());
+  int64_t i = 0;
+  while (i < length) {
+    const int64_t begin = i;
+    UChar32 c;
+    U8_NEXT(bytes, i, length, c);
+    if (c >= 0 && !escaped(c)) {
+      out.append(text.substr(static_cast<size_t>(begin),
+                             static_cast<size_t>(i - begin)));
+      continue;
+    }
+    for (int64_t k = begin; k < i; ++k) {
+      out += '%';
+      out += kHex[bytes[k] >> 4];
+      out += kHex[bytes[k] & 0xF];
+    }
+  }
+  return out;
+}
+
 // The line for one event at one moment, without its newline.
 std::string line(int64_t at, std::string_view event,
                  const JournalFields& fields) {
   std::string out = clockText(at);
   out += ' ';
-  out += event;
+  out += encode(event);
   // The map is ordered by key, so the items stand sorted.
   for (const auto& [key, value] : fields) {
-    std::string text = value.text();
-    std::replace(text.begin(), text.end(), '\n', ' ');
     out += ' ';
-    out += key;
+    out += encode(key);
     out += '=';
-    out += Text::prefix(text, kValueCharacters);
+    out += encode(Text::prefix(value.text(), kValueCharacters));
   }
   return out;
 }

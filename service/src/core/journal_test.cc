@@ -8,11 +8,13 @@
 #include <algorithm>
 #include <filesystem>
 #include <optional>
+#include <random>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "tolvanger/kit/text.h"
 #include "tolvanger/service/events.h"
 
 namespace tolvanger::service {
@@ -62,7 +64,7 @@ TEST_F(JournalTest, LinesAreClockWordAndSortedItems) {
             "2026-08-29 13:44:52 spent client=claude credential=sheets "
             "request=r7f21\n"
             "2026-08-29 13:44:52 started big=18446744073709551615 open=false "
-            "port=8645 sealed=true socket=/a b c\n");
+            "port=8645 sealed=true socket=/a%20b%0Ac\n");
 
   // Values are cut to 120 whole characters: here "e" with a combining acute,
   // three bytes each.
@@ -71,6 +73,55 @@ TEST_F(JournalTest, LinesAreClockWordAndSortedItems) {
   j.write("x", {{"v", accented}});
   EXPECT_EQ(j.tail(1), std::vector<std::string>{"2026-08-29 13:44:52 x v=" +
                                                 accented.substr(0, 360)});
+}
+
+// Whatever a value holds, the line keeps its shape: the clock, the word, and
+// exactly one key=value item for each field, on one line of UTF-8.
+TEST_F(JournalTest, NoValueCanAddAnItemOrALine) {
+  Journal j(home_, [] { return kMoment; });
+  j.write("raised", {{"client", "claude credential=forged request=rfake"},
+                     {"request", "r1"}});
+  j.write("x", {{"tab", "a\tb\r"},
+                {"percent", "100%"},
+                {"unicode", "caf\xC3\xA9 \xE2\x80\xA8\xC2\xA0\xC2\x85"},
+                {"bidi", "\xE2\x80\xAEtxt"},
+                {"bad", "\xFF\xC3"},
+                {"del", "\x7F\x01"}});
+  EXPECT_EQ(j.tail(2),
+            (std::vector<std::string>{
+                "2026-08-29 13:44:52 raised "
+                "client=claude%20credential%3Dforged%20request%3Drfake "
+                "request=r1",
+                "2026-08-29 13:44:52 x bad=%FF%C3 bidi=%E2%80%AEtxt del=%7F%01 "
+                "percent=100%25 tab=a%09b%0D "
+                "unicode=caf\xC3\xA9%20%E2%80%A8%C2%A0%C2%85"}));
+
+  // Random bytes, in values and in keys alike.
+  std::mt19937 random(7);
+  for (int round = 0; round < 300; ++round) {
+    JournalFields fields;
+    for (int k = 0; k < 3; ++k) {
+      std::string key(1 + random() % 4, '\0'), value(random() % 40, '\0');
+      for (char& c : key) c = static_cast<char>(random());
+      for (char& c : value) c = static_cast<char>(random());
+      fields.insert_or_assign("k" + std::to_string(k) + key, value);
+    }
+    j.write("w", fields);
+    const std::string line = j.tail(1).at(0);
+    ASSERT_TRUE(Text::isValidUTF8(line));
+    std::vector<std::string> items;
+    for (size_t start = 0, end; start <= line.size(); start = end + 1) {
+      end = std::min(line.find(' ', start), line.size());
+      items.push_back(line.substr(start, end - start));
+    }
+    ASSERT_EQ(items.size(), 3 + fields.size()) << line;
+    for (size_t i = 3; i < items.size(); ++i) {
+      EXPECT_EQ(std::count(items[i].begin(), items[i].end(), '='), 1) << line;
+      EXPECT_TRUE(std::none_of(items[i].begin(), items[i].end(), [](char c) {
+        return static_cast<unsigned char>(c) < 0x20 || c == 0x7F;
+      })) << line;
+    }
+  }
 }
 
 TEST_F(JournalTest, TailGivesTheLastLinesWithoutBlanks) {

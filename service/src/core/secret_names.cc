@@ -255,6 +255,25 @@ bool SecretNames::has(std::string_view name) const {
 }
 
 std::vector<std::string> SecretNames::replace(std::vector<SecretName> list) {
+  std::vector<std::string> added = replaceInMemory(std::move(list));
+  writeFile();
+  return added;
+}
+
+void SecretNames::writeFile() {
+  std::vector<SecretName> snapshot;
+  uint64_t version;
+  {
+    MutexLock lock(mu_);
+    snapshot.reserve(names_.size());
+    for (const auto& [name, secret] : names_) snapshot.push_back(secret);
+    version = version_;
+  }
+  persist(snapshot, version);
+}
+
+std::vector<std::string> SecretNames::replaceInMemory(
+    std::vector<SecretName> list) {
   std::map<std::string, SecretName, std::less<>> fresh;
   for (SecretName& secret : list) {
     std::string name = secret.name;
@@ -262,18 +281,12 @@ std::vector<std::string> SecretNames::replace(std::vector<SecretName> list) {
   }
 
   std::vector<std::string> added;
-  std::vector<SecretName> snapshot;
-  uint64_t version;
-  {
-    MutexLock lock(mu_);
-    for (const auto& [name, secret] : fresh) {
-      if (names_.find(name) == names_.end()) added.push_back(name);
-      snapshot.push_back(secret);
-    }
-    names_ = std::move(fresh);
-    version = ++version_;
+  MutexLock lock(mu_);
+  for (const auto& [name, secret] : fresh) {
+    if (names_.find(name) == names_.end()) added.push_back(name);
   }
-  persist(snapshot, version);
+  names_ = std::move(fresh);
+  ++version_;
   return added;
 }
 

@@ -5,9 +5,13 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
+#include <atomic>
 #include <filesystem>
+#include <thread>
 
+#include "testing/service_internals.h"
 #include "tolvanger/kit/service_error.h"
+#include "tolvanger/service/service.h"
 
 namespace tolvanger::service {
 namespace {
@@ -168,6 +172,44 @@ TEST_F(SecretNamesTest, UnreadableFileGivesAnEmptyRegistry) {
     home().writeAtomically(text, SecretNames::kFile);
     EXPECT_TRUE(SecretNames(home()).all().empty()) << text;
   }
+}
+
+// Two announcements from one phone at once, many times over: whatever the
+// order in which they run, the list of the higher sequence stands, with its
+// sequence, in memory and in both files, and the sequence never goes back.
+TEST_F(SecretNamesTest, OfTwoRacingAnnouncementsTheNewerAlwaysWins) {
+  Service service{home()};
+  Device phone;
+  phone.deviceID = "phone-1";
+  ServiceInternals::devices(service).put(phone);
+  const auto list = [](const std::string& name) {
+    return json::array({{{"name", name}, {"hosts", {"api.example"}}}});
+  };
+  int64_t highest = 0;
+  for (int64_t round = 1; round <= 150; ++round) {
+    const int64_t older = 2 * round, newer = 2 * round + 1;
+    std::atomic<int> ready{0};
+    std::vector<std::thread> both;
+    for (const int64_t seq : {older, newer}) {
+      both.emplace_back([&, seq] {
+        // Both start as close together as two threads can.
+        ++ready;
+        while (ready.load() < 2) {
+        }
+        service.announce(list("s" + std::to_string(seq)), seq, "phone-1");
+      });
+    }
+    for (auto& t : both) t.join();
+    const auto stood = service.secretNames();
+    ASSERT_EQ(stood.size(), 1u);
+    ASSERT_EQ(stood[0].name, "s" + std::to_string(newer)) << "round " << round;
+    const int64_t seq = service.device("phone-1")->announceSeq.value();
+    ASSERT_EQ(seq, newer) << "round " << round;
+    ASSERT_GT(seq, highest);
+    highest = seq;
+  }
+  EXPECT_EQ(SecretNames(home()).all()[0].name, "s301");
+  EXPECT_EQ(Devices(home()).device("phone-1")->announceSeq, 301);
 }
 
 }  // namespace

@@ -366,20 +366,37 @@ Nudge Service::nudge(const std::string& kind) {
 
 Announced Service::announce(const json& list, std::optional<int64_t> seq,
                             const std::string& deviceID) {
-  if (seq) {
-    const auto device = devices_.device(deviceID);
-    if (device && device->announceSeq && *device->announceSeq >= *seq) {
-      journal_.write("secrets", {{"device", deviceID}, {"stale", *seq}});
-      return Announced{{}, true};
+  const int64_t now = nowSeconds();
+  std::vector<std::string> added;
+  size_t count = 0;
+  bool stale = false;
+  bool seqMoved = false;
+  {
+    // The check, the replace and the new sequence number are one step, so
+    // of two announcements at once the higher sequence always stands last.
+    MutexLock lock(announceMu_);
+    if (seq) {
+      const auto device = devices_.device(deviceID);
+      stale = device && device->announceSeq && *device->announceSeq >= *seq;
+    }
+    if (!stale) {
+      std::vector<SecretName> names = buildSecretNames(list, now);
+      count = names.size();
+      added = secrets_.replaceInMemory(std::move(names));
+      if (seq) {
+        seqMoved = devices_.editInMemory(
+            deviceID, [&](Device& d) { d.announceSeq = *seq; });
+      }
     }
   }
-  const int64_t now = nowSeconds();
-  std::vector<SecretName> names = buildSecretNames(list, now);
-  const size_t count = names.size();
-  std::vector<std::string> added = secrets_.replace(std::move(names));
-  if (seq && devices_.device(deviceID)) {
-    devices_.edit(deviceID, [&](Device& d) { d.announceSeq = *seq; });
+  if (stale) {
+    journal_.write("secrets", {{"device", deviceID}, {"stale", *seq}});
+    return Announced{{}, true};
   }
+  // The files follow outside the lock; each registry writes only a state
+  // newer than the one it wrote last.
+  secrets_.writeFile();
+  if (seqMoved) devices_.writeFile();
   std::string joinedAdded;
   for (const auto& name : added) {
     if (!joinedAdded.empty()) joinedAdded += ',';

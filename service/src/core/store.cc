@@ -57,13 +57,15 @@ Store::Store(Home home, int64_t graceSeconds, Clock now)
       graceSeconds_(graceSeconds),
       now_(std::move(now)) {
   std::optional<std::string> log = home_.read(kDecidedLog);
-  if (!log || !Text::isValidUTF8(*log)) return;
+  if (!log) return;
   MutexLock lock(mu_);
+  // Line by line, so that one damaged line costs only itself.
   size_t start = 0;
   while (start <= log->size()) {
     size_t end = log->find('\n', start);
     if (end == std::string::npos) end = log->size();
-    if (end > start) decided_.insert(log->substr(start, end - start));
+    const std::string_view id(log->data() + start, end - start);
+    if (!id.empty() && Text::isValidUTF8(id)) decided_.emplace(id);
     start = end + 1;
   }
 }
@@ -122,14 +124,20 @@ StoredRequest Store::decide(std::string_view id, RequestState state,
   if (request.hasExpired(now) && state != RequestState::kExpired) {
     request.state = RequestState::kExpired;
     request.decidedAt = now;
-    recordLocked(request.id);
+    expireLocked(request.id);
     nextSweep_ = std::min(nextSweep_, dueLocked(request));
     throw ServiceError::refused("that request has expired");
+  }
+  // Written down first: a decision that could not outlive a restart could be
+  // replayed after one, so it is not taken at all.
+  if (!recordLocked(request.id)) {
+    throw ServiceError::internalFailure(
+        "this Mac could not write the decision down, so it was not taken; "
+        "the request is still open");
   }
   request.state = state;
   if (deviceID) request.deviceID = std::move(deviceID);
   request.decidedAt = now;
-  recordLocked(request.id);
   nextSweep_ = std::min(nextSweep_, dueLocked(request));
   return request;
 }
@@ -182,7 +190,8 @@ void Store::sweepLocked(int64_t now) {
     if (request.state == RequestState::kPending && request.hasExpired(now)) {
       request.state = RequestState::kExpired;
       request.decidedAt = now;
-      recordLocked(request.id);
+      decided_.insert(request.id);
+      unwritten_.push_back(request.id);
     }
     if (decidedBefore &&
         plus(plus(*decidedBefore, graceSeconds_), kLingerSeconds) < now) {
@@ -193,13 +202,31 @@ void Store::sweepLocked(int64_t now) {
     }
   }
   nextSweep_ = next;
+  (void)writeDecidedLocked();
 }
 
-void Store::recordLocked(const std::string& id) {
+bool Store::recordLocked(const std::string& id) {
+  if (decided_.contains(id)) return true;
+  unwritten_.push_back(id);
+  if (!writeDecidedLocked()) {
+    unwritten_.pop_back();
+    return false;
+  }
+  decided_.insert(id);
+  return true;
+}
+
+void Store::expireLocked(const std::string& id) {
   if (!decided_.insert(id).second) return;
-  // Ordered by the lock; a failure is not reported, since a request's fate
-  // never depends on this write.
-  (void)home_.appendLine(kDecidedLog, id);
+  unwritten_.push_back(id);
+  (void)writeDecidedLocked();
+}
+
+bool Store::writeDecidedLocked() {
+  // Under the lock, so ids reach the file in the order they were decided.
+  if (!home_.appendLines(kDecidedLog, unwritten_)) return false;
+  unwritten_.clear();
+  return true;
 }
 
 }  // namespace tolvanger::service

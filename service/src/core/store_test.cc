@@ -10,6 +10,7 @@
 #include <thread>
 #include <vector>
 
+#include "testing/full_disk.h"
 #include "tolvanger/kit/service_error.h"
 
 namespace tolvanger::service {
@@ -170,6 +171,39 @@ TEST_F(StoreTest, DecidedLogSurvivesAReopen) {
   EXPECT_TRUE(hand->wasDecided("rx"));
   EXPECT_TRUE(hand->wasDecided("ry"));
   EXPECT_FALSE(hand->wasDecided(""));
+}
+
+TEST_F(StoreTest, ADecisionTheLogCannotTakeIsNotTaken) {
+  auto store = open();
+  store->put(request("ra", 1000));
+  store->put(request("rb", 1000, 10));
+  {
+    FullDisk disk;
+    try {
+      store->decide("ra", RequestState::kApproved);
+      ADD_FAILURE() << "decided with no room to write it down";
+    } catch (const ServiceError& e) {
+      EXPECT_FALSE(e.isRefused());
+      EXPECT_EQ(std::string(e.what()),
+                "this Mac could not write the decision down, so it was not "
+                "taken; the request is still open");
+    }
+    EXPECT_EQ(store->get("ra")->state, RequestState::kPending);
+    EXPECT_FALSE(store->wasDecided("ra"));
+    // Time is not refused: an overdue request expires, and its id waits to
+    // be written with the next decision.
+    now_ = 1010;
+    EXPECT_EQ(store->get("rb")->state, RequestState::kExpired);
+    EXPECT_TRUE(store->wasDecided("rb"));
+    EXPECT_FALSE(home_.read("decided.log").has_value());
+    disk.free(64);
+    EXPECT_EQ(store->decide("ra", RequestState::kApproved).state,
+              RequestState::kApproved);
+  }
+  EXPECT_EQ(home_.read("decided.log"), "rb\nra\n");
+  auto reopened = open();
+  EXPECT_TRUE(reopened->wasDecided("ra"));
+  EXPECT_TRUE(reopened->wasDecided("rb"));
 }
 
 TEST_F(StoreTest, RacingAnswersLetExactlyOneThrough) {

@@ -103,6 +103,14 @@ class Devices {
   // `deviceID` are ignored. If it throws, nothing is stored.
   bool edit(std::string_view id, const std::function<void(Device&)>& change);
 
+  // `edit` in two halves, for a caller that must make the change one step
+  // with changes elsewhere under a lock of its own but write no file under
+  // it: the change in memory, and then the file as the registry stands
+  // (unless a newer state was written already).
+  bool editInMemory(std::string_view id,
+                    const std::function<void(Device&)>& change);
+  void writeFile();
+
   // Removes a device and writes the file; false (and no write) if unknown.
   bool forget(std::string_view id);
 

@@ -14,6 +14,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "tolvanger/kit/bytes.h"
 
@@ -59,14 +60,23 @@ class Home {
   void writeAtomically(std::string_view data, std::string_view name) const;
   void writeAtomically(ByteView data, std::string_view name) const;
 
-  // Appends `line` and a newline to `name` in one write, creating the file
-  // through writeAtomically when it does not exist yet. Never throws; returns
-  // whether the line was written. For the logs, whose loss stops nothing.
+  // Appends `line` and a newline to `name`, creating the file through
+  // writeAtomically when it does not exist yet. The line reaches the file
+  // whole or not at all: a short write is cut back, and a file whose last
+  // line was torn before gets a newline first. Never throws; returns whether
+  // the line was written. Callers serialise appends to one file.
   bool appendLine(std::string_view name, std::string_view line) const;
+  // The same for several lines in one write: all of them or none. True for
+  // an empty list.
+  bool appendLines(std::string_view name,
+                   const std::vector<std::string>& lines) const;
 
   bool operator==(const Home&) const = default;
 
  private:
+  // `bytes` end with a newline.
+  bool appendBytes(std::string_view name, std::string_view bytes) const;
+
   std::string path_;
 };
 

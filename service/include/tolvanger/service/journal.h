@@ -3,9 +3,11 @@
 //
 // A line is the local time ("yyyy-MM-dd HH:mm:ss"), the event word, and one
 // key=value item for each field in ascending order of key, separated by
-// single blanks. A value's newlines become blanks and it is cut to its first
-// 120 user-perceived characters; blanks and "=" are not escaped, so writers
-// keep them out of values taken from outside. No secret goes in a field.
+// single blanks. A value is cut to its first 120 user-perceived characters.
+// The event word, keys and values are then escaped in one place: blanks and
+// other white space, "=", "%", control and formatting characters and bytes
+// that are not UTF-8 are written "%XX", byte by byte. So no value, wherever
+// it came from, can add an item or a line. No secret goes in a field.
 //
 // Thread safety: any thread may write. The lock is held only around the
 // file's opening, writing and closing, so lines of concurrent writers never

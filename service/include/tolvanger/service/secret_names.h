@@ -91,6 +91,13 @@ class SecretNames {
   // sorted.
   std::vector<std::string> replace(std::vector<SecretName> list);
 
+  // `replace` in two halves, for a caller that must make the change one step
+  // with changes elsewhere under a lock of its own but write no file under
+  // it: the change in memory, returning the new names, and then the file as
+  // the registry stands (unless a newer state was written already).
+  std::vector<std::string> replaceInMemory(std::vector<SecretName> list);
+  void writeFile();
+
  private:
   void persist(const std::vector<SecretName>& list, uint64_t version);
 

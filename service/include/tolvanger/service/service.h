@@ -5,6 +5,8 @@
 // Built once per process and alive as long as it. There is no service-wide
 // lock: each registry has its own, and `Store::decide` arbitrates between
 // answers racing on one request, so of two exactly one goes through.
+// Announcements of secrets are ordered by a lock of their own, held only
+// while memory changes.
 //
 // Thread safety: every public member may be called from any thread.
 // `config` is fixed after construction; `setListenAddresses` is called once,
@@ -12,6 +14,7 @@
 #ifndef TOLVANGER_SERVICE_SERVICE_H_
 #define TOLVANGER_SERVICE_SERVICE_H_
 
+#include <mutex>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
@@ -130,8 +133,11 @@ class Service {
   // Raises a nudge for the phone. Throws ServiceError::refused.
   Nudge nudge(const std::string& kind);
 
-  // Replaces the list of announced secrets with a phone's list. Throws
-  // ServiceError::refused and changes nothing on a bad list.
+  // Replaces the list of announced secrets with a phone's list. A `seq` not
+  // above the device's last accepted one changes nothing (`stale`); of
+  // announcements racing, the highest sequence wins and the device's
+  // sequence never goes back. Throws ServiceError::refused and changes
+  // nothing on a bad list.
   Announced announce(const nlohmann::json& secrets, std::optional<int64_t> seq,
                      const std::string& deviceID);
 
@@ -254,6 +260,10 @@ class Service {
                                   const StoredRequest& request);
 
   std::vector<std::string> listenAddresses_;
+  // Makes each announcement's staleness check, its replace of the secret
+  // names and its new `announceSeq` one step. It guards no field of its own:
+  // the registries' locks nest inside it, and no file is written under it.
+  Mutex announceMu_;
 };
 
 }  // namespace tolvanger::service

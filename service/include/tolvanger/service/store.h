@@ -77,8 +77,9 @@ class Store {
   // The system clock, cut to the whole second.
   static int64_t systemNow();
 
-  // Reads the decided ids from `decided.log`; a file that is missing,
-  // unreadable or not UTF-8 leaves none. Never fails. `now` is consulted
+  // Reads the decided ids from `decided.log`; a file that is missing or
+  // unreadable leaves none, and a line that is not UTF-8 is skipped. Never
+  // fails. `now` is consulted
   // under the store's lock and must not call back into the store.
   Store(Home home, int64_t graceSeconds, Clock now = systemNow);
 
@@ -102,7 +103,10 @@ class Store {
   // returns a copy. `deviceID`, when given, replaces the one on record.
   // Throws ServiceError::refused: "no such request", "that request was
   // already <state>", or "that request has expired" when its deadline has
-  // passed (the request is then expired).
+  // passed (the request is then expired). Throws
+  // ServiceError::internalFailure, leaving the request pending, when the id
+  // cannot be written to `decided.log`: a decision that would not survive a
+  // restart is not taken.
   StoredRequest decide(std::string_view id, RequestState state,
                        std::optional<std::string> deviceID = std::nullopt)
       EXCLUDES(mu_);
@@ -123,9 +127,17 @@ class Store {
   // The first second at which a sweep would change `request`: its deadline
   // while pending, the end of its stay once decided.
   int64_t dueLocked(const StoredRequest& request) const REQUIRES(mu_);
-  // Marks the id decided and appends it to decided.log once; a failed write
-  // leaves the in-memory set to carry the protection.
-  void recordLocked(const std::string& id) REQUIRES(mu_);
+  // Appends the id to decided.log, behind any ids still waiting for the
+  // file, and only then marks it decided. False, with nothing marked, when
+  // the file cannot take it.
+  bool recordLocked(const std::string& id) REQUIRES(mu_);
+  // Marks the id of a request that ran out of time decided and writes it;
+  // the passing of time cannot be refused, so an id the file cannot take
+  // waits in `unwritten_` for the next write.
+  void expireLocked(const std::string& id) REQUIRES(mu_);
+  // Appends every id in `unwritten_` to decided.log in one write, all or
+  // none; true when nothing waits any more.
+  bool writeDecidedLocked() REQUIRES(mu_);
 
   const Home home_;
   const int64_t graceSeconds_;
@@ -134,6 +146,8 @@ class Store {
   Mutex mu_;
   std::map<std::string, StoredRequest, std::less<>> requests_ GUARDED_BY(mu_);
   std::set<std::string, std::less<>> decided_ GUARDED_BY(mu_);
+  // Expired ids in `decided_` that decided.log could not take yet.
+  std::vector<std::string> unwritten_ GUARDED_BY(mu_);
   // No request falls due before this second; a sweep before it is skipped.
   int64_t nextSweep_ GUARDED_BY(mu_) = 0;
 };
