@@ -23,8 +23,8 @@
 #include "tolvanger/kit/crypto/p256.h"
 #include "tolvanger/kit/crypto/xwing.h"
 #include "tolvanger/kit/pair_link.h"
-#include "tolvanger/kit/phone_client.h"
-#include "tolvanger/kit/sealed_road.h"
+#include "tolvanger/phone/phone_client.h"
+#include "tolvanger/phone/sealed_road.h"
 #include "tolvanger/service/http_server.h"
 #include "tolvanger/service/routes.h"
 #include "tolvanger/service/service.h"
@@ -33,6 +33,7 @@ namespace {
 
 using nlohmann::json;
 using namespace tolvanger;
+using namespace tolvanger::phone;
 using namespace tolvanger::service;
 
 struct World {

@@ -12,8 +12,8 @@
 // Thread safety: signers are immutable once made; one signer may sign from
 // many threads at once. Saving and opening a key directory is not guarded
 // against a second process doing the same.
-#ifndef TOLVANGER_KIT_SIGNER_H_
-#define TOLVANGER_KIT_SIGNER_H_
+#ifndef TOLVANGER_PHONE_SIGNER_H_
+#define TOLVANGER_PHONE_SIGNER_H_
 
 #include <cstdint>
 #include <optional>
@@ -25,7 +25,7 @@
 #include "tolvanger/kit/crypto/mldsa65.h"
 #include "tolvanger/kit/crypto/p256.h"
 
-namespace tolvanger {
+namespace tolvanger::phone {
 
 // Why a signer could not be made, opened or used. `what()` is the
 // description: the text itself for kAccessControl and kSign, "could not
@@ -140,6 +140,6 @@ class EnclaveSigner final : public RequestSigner {
   EnclaveSigner() = default;
 };
 
-}  // namespace tolvanger
+}  // namespace tolvanger::phone
 
-#endif  // TOLVANGER_KIT_SIGNER_H_
+#endif  // TOLVANGER_PHONE_SIGNER_H_

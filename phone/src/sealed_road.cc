@@ -1,4 +1,4 @@
-#include "tolvanger/kit/sealed_road.h"
+#include "tolvanger/phone/sealed_road.h"
 
 #include <cstring>
 #include <initializer_list>
@@ -9,7 +9,7 @@
 #include "tolvanger/kit/random.h"
 #include "tolvanger/kit/text.h"
 
-namespace tolvanger {
+namespace tolvanger::phone {
 
 using nlohmann::json;
 
@@ -347,4 +347,4 @@ void SealedRoad::registerCloudKey(ByteView publicKey) {
        json{{"cloud_public_key", toBase64(publicKey)}});
 }
 
-}  // namespace tolvanger
+}  // namespace tolvanger::phone

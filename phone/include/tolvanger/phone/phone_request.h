@@ -9,8 +9,8 @@
 // Thread safety: `TolvangerRequest`, `PlainRequest` and `RequestError` are
 // plain values; concurrent reads are safe. Every static function is pure,
 // apart from the clock read by `secondsLeft()` and `binding()`.
-#ifndef TOLVANGER_KIT_PHONE_REQUEST_H_
-#define TOLVANGER_KIT_PHONE_REQUEST_H_
+#ifndef TOLVANGER_PHONE_PHONE_REQUEST_H_
+#define TOLVANGER_PHONE_PHONE_REQUEST_H_
 
 #include <cstdint>
 #include <map>
@@ -24,7 +24,7 @@
 #include "tolvanger/kit/bytes.h"
 #include "tolvanger/kit/sign_in.h"
 
-namespace tolvanger {
+namespace tolvanger::phone {
 
 // The six lines that both sides sign for a request.
 namespace Binding {
@@ -188,6 +188,6 @@ class TolvangerRequest {
   std::string text(const std::string& key) const;
 };
 
-}  // namespace tolvanger
+}  // namespace tolvanger::phone
 
-#endif  // TOLVANGER_KIT_PHONE_REQUEST_H_
+#endif  // TOLVANGER_PHONE_PHONE_REQUEST_H_

@@ -1,4 +1,4 @@
-#include "tolvanger/kit/phone_client.h"
+#include "tolvanger/phone/phone_client.h"
 
 #include <curl/curl.h>
 #include <unicode/uchar.h>
@@ -11,7 +11,7 @@
 
 #include "tolvanger/kit/ids.h"
 
-namespace tolvanger {
+namespace tolvanger::phone {
 
 using nlohmann::json;
 
@@ -559,4 +559,4 @@ Failure of(std::exception_ptr error) {
 
 }  // namespace Failures
 
-}  // namespace tolvanger
+}  // namespace tolvanger::phone

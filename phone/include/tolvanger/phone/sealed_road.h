@@ -15,8 +15,8 @@
 // card it keeps is guarded by a lock that is never held across a network
 // call. `CloudCard`, `Road` and `CredentialOffer` are plain values
 // (`CredentialOffer` is move-only, as it holds a secret).
-#ifndef TOLVANGER_KIT_SEALED_ROAD_H_
-#define TOLVANGER_KIT_SEALED_ROAD_H_
+#ifndef TOLVANGER_PHONE_SEALED_ROAD_H_
+#define TOLVANGER_PHONE_SEALED_ROAD_H_
 
 #include <chrono>
 #include <cstdint>
@@ -31,11 +31,11 @@
 #include "tolvanger/kit/cloud_seal.h"
 #include "tolvanger/kit/crypto/xwing.h"
 #include "tolvanger/kit/mutex.h"
-#include "tolvanger/kit/phone_client.h"
-#include "tolvanger/kit/phone_request.h"
 #include "tolvanger/kit/thread_annotations.h"
+#include "tolvanger/phone/phone_client.h"
+#include "tolvanger/phone/phone_request.h"
 
-namespace tolvanger {
+namespace tolvanger::phone {
 
 // How a phone reaches its computer: at home on the local network, away
 // through iCloud, or not at all.
@@ -163,6 +163,6 @@ class SealedRoad {
   std::optional<CloudCard> card_ GUARDED_BY(mu_);
 };
 
-}  // namespace tolvanger
+}  // namespace tolvanger::phone
 
-#endif  // TOLVANGER_KIT_SEALED_ROAD_H_
+#endif  // TOLVANGER_PHONE_SEALED_ROAD_H_

@@ -1,7 +1,7 @@
 // Tests of the phone's side of pairing against a fake computer: the offer,
 // the sealed answer and every way it can be wrong, and the proof that ties
 // the computer's keys to this phone's.
-#include "tolvanger/kit/pairing_client.h"
+#include "tolvanger/phone/pairing_client.h"
 
 #include <gtest/gtest.h>
 
@@ -12,9 +12,9 @@
 #include "tolvanger/kit/crypto/mldsa65.h"
 #include "tolvanger/kit/crypto/p256.h"
 #include "tolvanger/kit/fingerprint.h"
-#include "tolvanger/kit/signer.h"
+#include "tolvanger/phone/signer.h"
 
-namespace tolvanger {
+namespace tolvanger::phone {
 namespace {
 
 using nlohmann::json;
@@ -270,4 +270,4 @@ TEST(PairingLinkTest, ReachesTheAddressInTheLink) {
 }
 
 }  // namespace
-}  // namespace tolvanger
+}  // namespace tolvanger::phone

@@ -11,8 +11,8 @@
 //
 // Thread safety: `Pairing` is a plain value; `PairingClient` keeps no state
 // between calls and is as safe to share as its transport.
-#ifndef TOLVANGER_KIT_PAIRING_CLIENT_H_
-#define TOLVANGER_KIT_PAIRING_CLIENT_H_
+#ifndef TOLVANGER_PHONE_PAIRING_CLIENT_H_
+#define TOLVANGER_PHONE_PAIRING_CLIENT_H_
 
 #include <chrono>
 #include <cstdint>
@@ -26,10 +26,10 @@
 #include "tolvanger/kit/bytes.h"
 #include "tolvanger/kit/crypto/xwing.h"
 #include "tolvanger/kit/pair_link.h"
-#include "tolvanger/kit/phone_client.h"
 #include "tolvanger/kit/secret_json.h"
+#include "tolvanger/phone/phone_client.h"
 
-namespace tolvanger {
+namespace tolvanger::phone {
 
 // The bytes of the pairing proof: "tolvanger-paired-v1", the daemon id, the
 // device id, the phone's P-256 fingerprint, its ML-DSA-65 fingerprint or
@@ -152,6 +152,6 @@ class PairingClient {
   DaemonClient client_;
 };
 
-}  // namespace tolvanger
+}  // namespace tolvanger::phone
 
-#endif  // TOLVANGER_KIT_PAIRING_CLIENT_H_
+#endif  // TOLVANGER_PHONE_PAIRING_CLIENT_H_

@@ -18,8 +18,8 @@
 // from many threads at once, provided its transport may; `CurlTransport` may
 // (each call uses an easy handle of its own). The records and `Failures` are
 // plain values and pure functions.
-#ifndef TOLVANGER_KIT_PHONE_CLIENT_H_
-#define TOLVANGER_KIT_PHONE_CLIENT_H_
+#ifndef TOLVANGER_PHONE_PHONE_CLIENT_H_
+#define TOLVANGER_PHONE_PHONE_CLIENT_H_
 
 #include <chrono>
 #include <cstddef>
@@ -34,10 +34,10 @@
 #include <vector>
 
 #include "tolvanger/kit/bytes.h"
-#include "tolvanger/kit/phone_request.h"
-#include "tolvanger/kit/signer.h"
+#include "tolvanger/phone/phone_request.h"
+#include "tolvanger/phone/signer.h"
 
-namespace tolvanger {
+namespace tolvanger::phone {
 
 // Small readers shared by the phone's clients.
 namespace PhoneJSON {
@@ -296,6 +296,6 @@ Failure of(std::exception_ptr error);
 
 }  // namespace Failures
 
-}  // namespace tolvanger
+}  // namespace tolvanger::phone
 
-#endif  // TOLVANGER_KIT_PHONE_CLIENT_H_
+#endif  // TOLVANGER_PHONE_PHONE_CLIENT_H_

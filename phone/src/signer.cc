@@ -1,4 +1,4 @@
-#include "tolvanger/kit/signer.h"
+#include "tolvanger/phone/signer.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -10,7 +10,7 @@
 
 #include "tolvanger/port/files.h"
 
-namespace tolvanger {
+namespace tolvanger::phone {
 
 namespace {
 
@@ -217,4 +217,4 @@ Bytes EnclaveSigner::pqSignature(ByteView) const {
   throw SignerError::noEnclave();
 }
 
-}  // namespace tolvanger
+}  // namespace tolvanger::phone

@@ -1,6 +1,6 @@
 // Tests of the phone's signers: signatures that verify, blobs and key
 // directories that give the same keys back, and the refusals.
-#include "tolvanger/kit/signer.h"
+#include "tolvanger/phone/signer.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -8,7 +8,7 @@
 #include <filesystem>
 #include <fstream>
 
-namespace tolvanger {
+namespace tolvanger::phone {
 namespace {
 
 namespace fs = std::filesystem;
@@ -141,4 +141,4 @@ TEST(SignerTest, EnclaveSignerReportsThatThereIsNoEnclave) {
 }
 
 }  // namespace
-}  // namespace tolvanger
+}  // namespace tolvanger::phone

@@ -1,4 +1,4 @@
-#include "tolvanger/kit/phone_request.h"
+#include "tolvanger/phone/phone_request.h"
 
 #include <unicode/ustring.h>
 
@@ -15,7 +15,7 @@
 #include "tolvanger/kit/summary.h"
 #include "tolvanger/kit/text.h"
 
-namespace tolvanger {
+namespace tolvanger::phone {
 
 using nlohmann::json;
 
@@ -530,4 +530,4 @@ PlainRequest TolvangerRequest::plain() const {
   return out;
 }
 
-}  // namespace tolvanger
+}  // namespace tolvanger::phone

@@ -1,6 +1,6 @@
 // Tests of reading a request as the phone does: every check that stands
 // between the network and the screen, and the words a person reads.
-#include "tolvanger/kit/phone_request.h"
+#include "tolvanger/phone/phone_request.h"
 
 #include <gtest/gtest.h>
 
@@ -10,7 +10,7 @@
 #include "tolvanger/kit/crypto/mldsa65.h"
 #include "tolvanger/kit/crypto/p256.h"
 
-namespace tolvanger {
+namespace tolvanger::phone {
 namespace {
 
 using nlohmann::json;
@@ -363,4 +363,4 @@ TEST(PhoneRequestTest, ActsOnlyOnAUsableSignIn) {
 }
 
 }  // namespace
-}  // namespace tolvanger
+}  // namespace tolvanger::phone

@@ -1,15 +1,15 @@
 // Test support: an HTTP transport that records each call and answers it
 // through a handler, so the phone's clients can be driven without a network.
-#ifndef TOLVANGER_KIT_TESTING_FAKE_TRANSPORT_H_
-#define TOLVANGER_KIT_TESTING_FAKE_TRANSPORT_H_
+#ifndef TOLVANGER_PHONE_TESTING_FAKE_TRANSPORT_H_
+#define TOLVANGER_PHONE_TESTING_FAKE_TRANSPORT_H_
 
 #include <functional>
 #include <utility>
 #include <vector>
 
-#include "tolvanger/kit/phone_client.h"
+#include "tolvanger/phone/phone_client.h"
 
-namespace tolvanger {
+namespace tolvanger::phone {
 
 class FakeTransport : public HTTPTransport {
  public:
@@ -25,6 +25,6 @@ class FakeTransport : public HTTPTransport {
   std::function<HTTPAnswer(const HTTPCall&)> handler_;
 };
 
-}  // namespace tolvanger
+}  // namespace tolvanger::phone
 
-#endif  // TOLVANGER_KIT_TESTING_FAKE_TRANSPORT_H_
+#endif  // TOLVANGER_PHONE_TESTING_FAKE_TRANSPORT_H_

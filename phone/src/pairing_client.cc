@@ -1,4 +1,4 @@
-#include "tolvanger/kit/pairing_client.h"
+#include "tolvanger/phone/pairing_client.h"
 
 #include <utility>
 
@@ -6,9 +6,9 @@
 #include "tolvanger/kit/crypto/mldsa65.h"
 #include "tolvanger/kit/crypto/p256.h"
 #include "tolvanger/kit/fingerprint.h"
-#include "tolvanger/kit/phone_request.h"
+#include "tolvanger/phone/phone_request.h"
 
-namespace tolvanger {
+namespace tolvanger::phone {
 
 using nlohmann::json;
 
@@ -245,4 +245,4 @@ SecretJson PairingClient::unwrap(const json& reply,
   return answer;
 }
 
-}  // namespace tolvanger
+}  // namespace tolvanger::phone

@@ -1,7 +1,7 @@
 // Tests of the phone's clients: the plain client's reading of answers, the
 // sentences a person reads, the records of what waits, the sealed road
 // against a fake computer, and the curl transport against a local socket.
-#include "tolvanger/kit/phone_client.h"
+#include "tolvanger/phone/phone_client.h"
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
@@ -16,9 +16,9 @@
 #include "testing/fake_transport.h"
 #include "tolvanger/kit/crypto/mldsa65.h"
 #include "tolvanger/kit/crypto/p256.h"
-#include "tolvanger/kit/sealed_road.h"
+#include "tolvanger/phone/sealed_road.h"
 
-namespace tolvanger {
+namespace tolvanger::phone {
 namespace {
 
 using nlohmann::json;
@@ -473,4 +473,4 @@ TEST(CurlTransportTest, RefusesWhatItMustNotTake) {
 }
 
 }  // namespace
-}  // namespace tolvanger
+}  // namespace tolvanger::phone
