@@ -79,6 +79,7 @@ TEST(AccessRule, CoversHostMethodAndPathWithoutQuery) {
                                      {"methods", {"GET"}},
                                      {"paths", {"/v1/", "/files/*/raw"}}});
   EXPECT_TRUE(rule.covers("api.host", "GET", "/v1/x?y=/z"));
+  EXPECT_TRUE(rule.covers("api.host", "GET", "/v1?y"));
   EXPECT_TRUE(rule.covers("api.host:8443", "GET", "/files/9/raw/more"));
   EXPECT_FALSE(rule.covers("api.host", "GET", "/v2?q=/v1/"));
   EXPECT_FALSE(rule.covers("API.host", "GET", "/v1"));  // exact host

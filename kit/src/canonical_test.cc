@@ -38,9 +38,10 @@ TEST(Canonical, Strings) {
   EXPECT_EQ(Canonical::string(std::string("\0\x1f", 2)), R"("\u0000\u001f")");
   EXPECT_EQ(Canonical::string("/\x7f"), "\"/\x7f\"");
   EXPECT_EQ(Canonical::string("é😀"), "\"é😀\"");
-  // Ill-formed UTF-8: stray continuation, overlong, surrogate, too high, cut.
-  for (const char* bad :
-       {"\x80", "\xc0\xaf", "\xed\xa0\x80", "\xf4\x90\x80\x80", "a\xe2\x82"}) {
+  // Ill-formed UTF-8: stray continuation, overlong in two and three bytes,
+  // surrogate, too high, cut.
+  for (const char* bad : {"\x80", "\xc0\xaf", "\xe0\x80\xaf", "\xed\xa0\x80",
+                          "\xf4\x90\x80\x80", "a\xe2\x82"}) {
     EXPECT_THROW(Canonical::string(bad), CanonicalError) << bad;
   }
 }

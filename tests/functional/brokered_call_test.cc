@@ -47,7 +47,7 @@ class BrokeredCall : public ::testing::Test {
 
   // The id of the oldest pending request, once there is one.
   std::string nextPending() {
-    for (int i = 0; i < 1500; ++i) {
+    while (inBudget()) {
       const json pending = admin_->call({{"op", "request.pending"}});
       if (!pending["requests"].empty()) return pending["requests"][0]["id"];
       std::this_thread::sleep_for(std::chrono::milliseconds(20));

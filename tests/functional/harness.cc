@@ -1,14 +1,22 @@
 #include "harness.h"
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#ifdef __linux__
+#include <sys/prctl.h>
+#endif
 
+#include <algorithm>
+#include <array>
 #include <atomic>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -52,50 +60,129 @@ std::vector<std::string> filesBelow(const std::string& dir) {
 
 namespace {
 
-[[noreturn]] void execService(const std::string& home,
-                              const std::vector<std::string>& args) {
-  ::setenv("TOLVANGER_HOME", home.c_str(), 1);
-  std::vector<char*> argv;
-  std::string bin = TOLVANGER_SERVICE_BIN;
-  argv.push_back(bin.data());
-  std::vector<std::string> copy = args;
-  for (auto& a : copy) argv.push_back(a.data());
-  argv.push_back(nullptr);
-  ::execv(bin.c_str(), argv.data());
-  ::_exit(127);
+using Clock = std::chrono::steady_clock;
+
+// When the running test's budget is spent, as a count of Clock ticks.
+std::atomic<Clock::rep> testEnds{
+    (Clock::now() + kTestBudget).time_since_epoch().count()};
+
+// Starts each test's budget as the test starts.
+class Budget : public ::testing::EmptyTestEventListener {
+  void OnTestStart(const ::testing::TestInfo&) override {
+    testEnds = (Clock::now() + kTestBudget).time_since_epoch().count();
+  }
+};
+
+[[maybe_unused]] const bool budgetListening = [] {
+  ::testing::UnitTest::GetInstance()->listeners().Append(new Budget);
+  return true;
+}();
+
+// This process's environment with `extra` set over it.
+std::vector<std::string> environmentWith(
+    const std::vector<std::pair<std::string, std::string>>& extra) {
+  std::vector<std::string> out;
+  for (char** entry = environ; *entry != nullptr; ++entry) {
+    const std::string_view text(*entry);
+    const std::string_view name = text.substr(0, text.find('='));
+    if (std::none_of(extra.begin(), extra.end(),
+                     [&](const auto& kv) { return kv.first == name; })) {
+      out.emplace_back(text);
+    }
+  }
+  for (const auto& [name, value] : extra) out.push_back(name + "=" + value);
+  return out;
 }
 
-std::string drain(int fd) {
-  std::string out;
-  char buf[4096];
-  for (;;) {
-    const ssize_t n = ::read(fd, buf, sizeof(buf));
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) break;
-    out.append(buf, static_cast<size_t>(n));
+// Starts `argv` (an absolute path first) in a process group of its own that
+// the kernel kills if this process dies. `streams` become the child's
+// standard input, output and error; -1 leaves one as this process has it.
+pid_t spawn(std::vector<std::string> argv,
+            const std::vector<std::pair<std::string, std::string>>& env,
+            const std::array<int, 3>& streams) {
+  // Everything the child needs is made before the fork: after it, only
+  // calls that are safe in a child of a threaded process.
+  std::vector<std::string> environment = environmentWith(env);
+  std::vector<char*> args, envp;
+  for (auto& a : argv) args.push_back(a.data());
+  args.push_back(nullptr);
+  for (auto& e : environment) envp.push_back(e.data());
+  envp.push_back(nullptr);
+  const pid_t parent = ::getpid();
+  const pid_t pid = ::fork();
+  if (pid == 0) {
+    ::setpgid(0, 0);
+#ifdef __linux__
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (::getppid() != parent) ::_exit(127);
+#endif
+    ::signal(SIGPIPE, SIG_DFL);
+    for (int fd = 0; fd < 3; ++fd) {
+      if (streams[fd] >= 0) ::dup2(streams[fd], fd);
+    }
+    ::execve(args[0], args.data(), envp.data());
+    ::_exit(127);
   }
-  return out;
+  if (pid < 0) std::abort();
+  // Set here too, so that a kill of the group right after the fork finds it.
+  ::setpgid(pid, pid);
+  return pid;
+}
+
+int statusOf(int status) {
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+// Waits up to `limit` for `pid` to end, then kills its process group and
+// waits for that. Whatever the child started in its group goes with it.
+// Returns the exit status, 128 + the signal's number for a killed child.
+int reap(pid_t pid, std::chrono::milliseconds limit) {
+  const auto deadline = Clock::now() + limit;
+  int status = 0;
+  pid_t done;
+  while ((done = ::waitpid(pid, &status, WNOHANG)) == 0 &&
+         Clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  if (done == 0) {
+    ::kill(-pid, SIGKILL);
+    ::kill(pid, SIGKILL);
+    while ((done = ::waitpid(pid, &status, 0)) < 0 && errno == EINTR) {
+    }
+  }
+  ::kill(-pid, SIGKILL);
+  return done == pid ? statusOf(status) : -1;
 }
 
 }  // namespace
 
+std::chrono::milliseconds bounded(std::chrono::milliseconds limit) {
+  const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+      Clock::time_point(Clock::duration(testEnds.load())) - Clock::now());
+  return std::clamp(left, std::chrono::milliseconds(0), limit);
+}
+
+bool inBudget() { return bounded(std::chrono::milliseconds(1)).count() > 0; }
+
 ServiceProcess::ServiceProcess(std::string home, std::vector<std::string> args)
     : home_(std::move(home)) {
-  pid_ = ::fork();
-  if (pid_ == 0) execService(home_, args);
+  std::vector<std::string> argv = {TOLVANGER_SERVICE_BIN};
+  argv.insert(argv.end(), args.begin(), args.end());
+  pid_ = spawn(std::move(argv), {{"TOLVANGER_HOME", home_}}, {-1, -1, -1});
 }
 
 ServiceProcess::~ServiceProcess() { stop(); }
 
 bool ServiceProcess::waitForSocket(std::chrono::milliseconds limit) {
-  const auto deadline = std::chrono::steady_clock::now() + limit;
-  while (std::chrono::steady_clock::now() < deadline) {
+  const auto deadline = Clock::now() + bounded(limit);
+  while (pid_ > 0 && Clock::now() < deadline) {
     if (fs::exists(socketPath())) {
       SocketClient probe(socketPath());
       if (probe.connected()) return true;
     }
     int status = 0;
     if (::waitpid(pid_, &status, WNOHANG) == pid_) {
+      ::kill(-pid_, SIGKILL);
       pid_ = -1;
       return false;
     }
@@ -107,37 +194,20 @@ bool ServiceProcess::waitForSocket(std::chrono::milliseconds limit) {
 int ServiceProcess::stop() {
   if (pid_ <= 0) return -1;
   ::kill(pid_, SIGTERM);
-  int status = 0;
-  ::waitpid(pid_, &status, 0);
+  const int status = reap(pid_, std::chrono::seconds(8));
   pid_ = -1;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  return status;
 }
 
 int runService(const std::string& home, const std::vector<std::string>& args,
                std::string* out, std::string* err) {
-  int outPipe[2], errPipe[2];
-  if (::pipe(outPipe) != 0 || ::pipe(errPipe) != 0) return -1;
-  const pid_t pid = ::fork();
-  if (pid == 0) {
-    ::dup2(outPipe[1], 1);
-    ::dup2(errPipe[1], 2);
-    ::close(outPipe[0]);
-    ::close(errPipe[0]);
-    execService(home, args);
-  }
-  ::close(outPipe[1]);
-  ::close(errPipe[1]);
-  std::string errText;
-  std::thread errReader([&] { errText = drain(errPipe[0]); });
-  const std::string outText = drain(outPipe[0]);
-  errReader.join();
-  ::close(outPipe[0]);
-  ::close(errPipe[0]);
-  int status = 0;
-  ::waitpid(pid, &status, 0);
-  if (out) *out = outText;
-  if (err) *err = errText;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  std::vector<std::string> argv = {TOLVANGER_SERVICE_BIN};
+  argv.insert(argv.end(), args.begin(), args.end());
+  Child child(std::move(argv), {{"TOLVANGER_HOME", home}});
+  Ran ran = child.wait(std::chrono::seconds(30));
+  if (out) *out = std::move(ran.out);
+  if (err) *err = std::move(ran.err);
+  return ran.status;
 }
 
 Child::Child(std::vector<std::string> argv,
@@ -147,48 +217,39 @@ Child::Child(std::vector<std::string> argv,
       ::pipe2(err, O_CLOEXEC) != 0) {
     std::abort();
   }
-  pid_ = ::fork();
-  if (pid_ == 0) {
-    ::dup2(in[0], 0);
-    ::dup2(out[1], 1);
-    ::dup2(err[1], 2);
-    for (const auto& [key, value] : env)
-      ::setenv(key.c_str(), value.c_str(), 1);
-    std::vector<char*> args;
-    for (auto& a : argv) args.push_back(a.data());
-    args.push_back(nullptr);
-    ::execv(args[0], args.data());
-    ::_exit(127);
-  }
+  pid_ = spawn(std::move(argv), env, {in[0], out[1], err[1]});
   ::close(in[0]);
   ::close(out[1]);
   ::close(err[1]);
   in_ = in[1];
-  out_ = std::thread([this, fd = out[0]] {
-    char buf[4096];
-    for (;;) {
-      const ssize_t n = ::read(fd, buf, sizeof(buf));
-      if (n < 0 && errno == EINTR) continue;
-      MutexLock lock(mu_);
-      if (n <= 0) {
-        outEnded_ = true;
-        outChanged_.notify_all();
-        break;
-      }
-      ran_.out.append(buf, static_cast<size_t>(n));
-      outChanged_.notify_all();
-    }
-    ::close(fd);
-  });
-  err_ = std::thread([this, fd = err[0]] {
-    ran_.err = drain(fd);
-    ::close(fd);
-  });
+  out_ = std::thread([this, fd = out[0]] { read(fd, &ran_.out, &outEnded_); });
+  err_ = std::thread([this, fd = err[0]] { read(fd, &ran_.err, &errEnded_); });
 }
 
-Child::~Child() {
-  if (pid_ > 0) ::kill(pid_, SIGKILL);
-  wait(std::chrono::seconds(5));
+Child::~Child() { wait(std::chrono::milliseconds(0)); }
+
+void Child::read(int fd, std::string* into, bool* ended) {
+  char buf[4096];
+  for (;;) {
+    struct pollfd p = {fd, POLLIN, 0};
+    const int ready = ::poll(&p, 1, 100);
+    if (ready < 0 && errno != EINTR) break;
+    if (ready <= 0) {
+      MutexLock lock(mu_);
+      if (abandon_) break;
+      continue;
+    }
+    const ssize_t n = ::read(fd, buf, sizeof(buf));
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    MutexLock lock(mu_);
+    into->append(buf, static_cast<size_t>(n));
+    outChanged_.notify_all();
+  }
+  ::close(fd);
+  MutexLock lock(mu_);
+  *ended = true;
+  outChanged_.notify_all();
 }
 
 bool Child::write(const std::string& bytes) {
@@ -205,7 +266,7 @@ bool Child::write(const std::string& bytes) {
 std::optional<std::string> Child::readLine(std::chrono::milliseconds limit) {
   UniqueLock lock(mu_);
   size_t nl = std::string::npos;
-  outChanged_.wait_for(lock, limit, [&] {
+  outChanged_.wait_for(lock, bounded(limit), [&]() REQUIRES(mu_) {
     nl = ran_.out.find('\n', consumed_);
     return nl != std::string::npos || outEnded_;
   });
@@ -223,19 +284,17 @@ void Child::closeInput() {
 Ran Child::wait(std::chrono::milliseconds limit) {
   closeInput();
   if (pid_ > 0) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    int status = 0;
-    while (::waitpid(pid_, &status, WNOHANG) == 0) {
-      if (std::chrono::steady_clock::now() >= deadline) {
-        ::kill(pid_, SIGKILL);
-        ::waitpid(pid_, &status, 0);
-        break;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
+    const int status = reap(pid_, bounded(limit));
     pid_ = -1;
-    ran_.status =
-        WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    MutexLock lock(mu_);
+    ran_.status = status;
+  }
+  {
+    UniqueLock lock(mu_);
+    outChanged_.wait_for(lock, std::chrono::seconds(2), [&]() REQUIRES(mu_) {
+      return outEnded_ && errEnded_;
+    });
+    abandon_ = true;
   }
   if (out_.joinable()) out_.join();
   if (err_.joinable()) err_.join();
@@ -261,7 +320,7 @@ Ran pairPhone(SocketClient& admin, const std::string& phoneHome, int port) {
   url = std::regex_replace(url, std::regex("p=[0-9]+"),
                            "p=" + std::to_string(port));
   return runPhone(phoneHome, {"pair", url, "--name", "Test Phone"}, "", [&] {
-    for (int i = 0; i < 500; ++i) {
+    while (inBudget()) {
       const nlohmann::json status = admin.call({{"op", "pair.status"}});
       if (status["state"] == "offered")
         return status["code"].get<std::string>() + "\n";
@@ -289,6 +348,9 @@ int useFreePort(const std::string& home) {
 
 SocketClient::SocketClient(const std::string& path) {
   fd_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  // A service that stops reading cannot hold a send for long.
+  const struct timeval sendLimit = {15, 0};
+  ::setsockopt(fd_, SOL_SOCKET, SO_SNDTIMEO, &sendLimit, sizeof(sendLimit));
   struct sockaddr_un address = {};
   address.sun_family = AF_UNIX;
   std::strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
@@ -321,7 +383,7 @@ bool SocketClient::send(const nlohmann::json& object) {
 
 std::optional<nlohmann::json> SocketClient::readLine(
     std::chrono::milliseconds limit) {
-  const auto deadline = std::chrono::steady_clock::now() + limit;
+  const auto deadline = Clock::now() + bounded(limit);
   for (;;) {
     const auto nl = buffer_.find('\n');
     if (nl != std::string::npos) {
@@ -330,7 +392,7 @@ std::optional<nlohmann::json> SocketClient::readLine(
       return nlohmann::json::parse(line);
     }
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-        deadline - std::chrono::steady_clock::now());
+        deadline - Clock::now());
     if (left.count() <= 0) return std::nullopt;
     struct pollfd p = {fd_, POLLIN, 0};
     if (::poll(&p, 1, static_cast<int>(left.count())) <= 0) continue;
@@ -348,8 +410,8 @@ nlohmann::json SocketClient::call(const nlohmann::json& object) {
 }
 
 bool SocketClient::closedByPeer(std::chrono::milliseconds limit) {
-  const auto deadline = std::chrono::steady_clock::now() + limit;
-  while (std::chrono::steady_clock::now() < deadline) {
+  const auto deadline = Clock::now() + bounded(limit);
+  while (Clock::now() < deadline) {
     struct pollfd p = {fd_, POLLIN, 0};
     if (::poll(&p, 1, 50) > 0) {
       char buf[4096];

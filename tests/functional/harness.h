@@ -1,15 +1,25 @@
 // Helpers for black-box tests: a temporary home, the real tolvanger-service
 // process started in it, and a client that speaks the agent socket's JSON
 // lines from this (separate) process.
+//
+// A failing test must end fast and leave nothing behind. Every child runs in
+// a process group of its own that its owner kills, with anything it started,
+// when the owner goes (on an ASSERT's early return as on success), and that
+// the kernel kills if this process dies first. Every wait here is bounded,
+// and by the running test's budget too: a test gets `kTestBudget` from its
+// start, a wait that asks for longer gets what is left of it, and once it is
+// spent every wait returns at once, so a broken test runs to its end (and its
+// clean-up) within about the budget.
+//
+// Thread safety: each object is used by one test thread; `Child` reads its
+// output on threads of its own behind its own lock.
 #ifndef TOLVANGER_TESTS_FUNCTIONAL_HARNESS_H_
 #define TOLVANGER_TESTS_FUNCTIONAL_HARNESS_H_
 
 #include <sys/types.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <functional>
-#include "tolvanger/kit/mutex.h"
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
@@ -17,7 +27,19 @@
 #include <utility>
 #include <vector>
 
+#include "tolvanger/kit/mutex.h"
+#include "tolvanger/kit/thread_annotations.h"
+
 namespace tolvanger::testing {
+
+// How long one test may run before every wait gives up.
+inline constexpr std::chrono::seconds kTestBudget{40};
+
+// `limit`, or what is left of the running test's budget if that is less
+// (zero once it is spent).
+std::chrono::milliseconds bounded(std::chrono::milliseconds limit);
+// True while the running test's budget lasts.
+bool inBudget();
 
 // A fresh directory under $TMPDIR, removed with everything in it at the end.
 class TempDir {
@@ -43,6 +65,7 @@ std::vector<std::string> filesBelow(const std::string& dir);
 int useFreePort(const std::string& home);
 
 // The real service executable, run as `serve --quiet` with TOLVANGER_HOME set.
+// Destroying it stops it as `stop` does.
 class ServiceProcess {
  public:
   explicit ServiceProcess(std::string home,
@@ -55,7 +78,9 @@ class ServiceProcess {
   // the time ran out.
   bool waitForSocket(
       std::chrono::milliseconds limit = std::chrono::seconds(20));
-  // Sends SIGTERM and waits; returns the exit status (or -1).
+  // Sends SIGTERM and waits a few seconds for the end, then kills the
+  // process group; returns the exit status (128 + 9 when it had to be
+  // killed), or -1 when it was not running.
   int stop();
   std::string socketPath() const { return home_ + "/tolvanger.sock"; }
   pid_t pid() const { return pid_; }
@@ -65,8 +90,8 @@ class ServiceProcess {
   pid_t pid_ = -1;
 };
 
-// Runs the service executable with `args` to completion; returns the exit
-// status and fills what it wrote.
+// Runs the service executable with `args` to completion (killed after 30 s);
+// returns the exit status and fills what it wrote.
 int runService(const std::string& home, const std::vector<std::string>& args,
                std::string* out = nullptr, std::string* err = nullptr);
 
@@ -84,7 +109,7 @@ class Child {
   // `env` is added to this process's environment for the child.
   Child(std::vector<std::string> argv,
         std::vector<std::pair<std::string, std::string>> env = {});
-  // Kills the child if it still runs.
+  // Kills the child and its process group if it still runs.
   ~Child();
   Child(const Child&) = delete;
   Child& operator=(const Child&) = delete;
@@ -96,17 +121,23 @@ class Child {
   std::optional<std::string> readLine(
       std::chrono::milliseconds limit = std::chrono::seconds(30));
   // Closes standard input and waits for the end; a child still running at
-  // `limit` is killed (status 128 + 9).
+  // `limit` is killed with its process group (status 128 + 9). Output that a
+  // grandchild keeps open is read for two seconds more, then left.
   Ran wait(std::chrono::milliseconds limit = std::chrono::seconds(60));
 
  private:
+  // Reads `fd` into `into` until its end, or until `abandon_` is set.
+  void read(int fd, std::string* into, bool* ended);
+
   pid_t pid_ = -1;
   int in_ = -1;
-  Ran ran_;
-  Mutex mu_;  // guards ran_.out, consumed_ and outEnded_ while running
+  Mutex mu_;
   CondVar outChanged_;
-  size_t consumed_ = 0;
-  bool outEnded_ = false;
+  Ran ran_ GUARDED_BY(mu_);
+  size_t consumed_ GUARDED_BY(mu_) = 0;
+  bool outEnded_ GUARDED_BY(mu_) = false;
+  bool errEnded_ GUARDED_BY(mu_) = false;
+  bool abandon_ GUARDED_BY(mu_) = false;
   std::thread out_, err_;
 };
 

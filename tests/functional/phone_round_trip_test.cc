@@ -8,6 +8,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -148,6 +149,10 @@ class TamperingProxy {
   void run() {
     for (int client; (client = ::accept(listener_, nullptr, nullptr)) >= 0;) {
       const int up = ::socket(AF_INET, SOCK_STREAM, 0);
+      // The service's answer ends with its connection; one that never does
+      // must not hold the test.
+      const struct timeval limit = {10, 0};
+      ::setsockopt(up, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
       struct sockaddr_in a = {};
       a.sin_family = AF_INET;
       a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);

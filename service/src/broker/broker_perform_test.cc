@@ -5,6 +5,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
 
 #include "https_upstream.h"
@@ -150,6 +151,18 @@ TEST_F(BrokerPerformTest, RefusesWhatIsNotAnApprovedBrokeredRequest) {
   EXPECT_EQ(refusal(gate.id),
             "that approval was not for a brokered request \u2014 gate-mode "
             "approvals are redeemed, not performed");
+
+  // A call filed under an operation this build does not perform.
+  const StoredRequest filed = *ServiceInternals::store(*service).get(
+      raise({{"method", "GET"}, {"url", url("/")}}));
+  RaiseOptions options;
+  options.credentialName = "api";
+  options.wire = filed.http;
+  const StoredRequest other = service->raise("deploy", filed.fields, options);
+  json envelope;
+  service->approve(
+      phone.approveWith(*service, other, "bearer", kToken, envelope));
+  EXPECT_EQ(refusal(other.id), "no such operation");
   EXPECT_TRUE(upstream.received().empty());
 }
 
@@ -184,22 +197,59 @@ TEST_F(BrokerPerformTest, AnswersComeBackAsTheyAreWithoutCookies) {
 }
 
 TEST_F(BrokerPerformTest, AStoredWireChangedAfterSigningNeverGoesOut) {
-  const std::string id = approved({{"method", "GET"}, {"url", url("/a")}});
+  const std::string id = approved(
+      {{"method", "GET"}, {"url", url("/a")}, {"headers", {{"X-Trace", "7"}}}});
   const StoredRequest original = *ServiceInternals::store(*service).get(id);
-  StoredRequest changed = original;
-  changed.http->path = "/b";
-  ServiceInternals::store(*service).put(changed);
-  EXPECT_EQ(refusal(id), "the stored request is not the one that was signed");
-  changed = original;
-  changed.http->headers["x-extra"] = "1";
-  ServiceInternals::store(*service).put(changed);
-  EXPECT_EQ(refusal(id), "the stored request is not the one that was signed");
+  const std::vector<std::function<void(Wire&)>> changes = {
+      [](Wire& w) { w.path = "/b"; },
+      [](Wire& w) { w.headers["x-extra"] = "1"; },
+      [](Wire& w) { w.headers.erase("x-trace"); },
+      [](Wire& w) {
+        w.headers.erase("x-trace");
+        w.headers["x-trade"] = "7";
+      },
+  };
+  for (size_t i = 0; i < changes.size(); ++i) {
+    StoredRequest changed = original;
+    changes[i](*changed.http);
+    ServiceInternals::store(*service).put(changed);
+    EXPECT_EQ(refusal(id), "the stored request is not the one that was signed")
+        << i;
+  }
   EXPECT_TRUE(upstream.received().empty());
   ASSERT_TRUE(stillApproved(id));
 
   // Nothing was spent: the untouched request still performs.
   ServiceInternals::store(*service).put(original);
   EXPECT_EQ(broker->perform(id)["status"], 200);
+}
+
+// A signed text that never held one of the call's structural fields signed
+// nothing about it: the call is refused as surely as one that differs.
+TEST_F(BrokerPerformTest, ASignedTextLackingAStructuralFieldNeverGoesOut) {
+  const StoredRequest filed = *ServiceInternals::store(*service).get(
+      raise({{"method", "POST"},
+             {"url", url("/a")},
+             {"headers", {{"X-Trace", "7"}}},
+             {"body", "hello"}}));
+  for (const char* key : {"method", "host", "path", "headers", "body_sha256",
+                          "body_bytes", "body_text"}) {
+    ASSERT_TRUE(filed.fields.get(key)) << key;
+    Fields fields = filed.fields;
+    fields.remove(key);
+    RaiseOptions options;
+    options.credentialName = "api";
+    options.wire = filed.http;
+    const StoredRequest r = service->raise(std::string(Broker::kOperation),
+                                           std::move(fields), options);
+    json envelope;
+    service->approve(
+        phone.approveWith(*service, r, "bearer", kToken, envelope));
+    EXPECT_EQ(refusal(r.id),
+              "the stored request is not the one that was signed")
+        << key;
+  }
+  EXPECT_TRUE(upstream.received().empty());
 }
 
 TEST_F(BrokerPerformTest, PinsRemovedAfterApprovalWin) {

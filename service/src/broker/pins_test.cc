@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "tolvanger/kit/service_error.h"
 
 namespace tolvanger::service {
@@ -35,6 +37,17 @@ TEST(Pins, Derived) {
   EXPECT_EQ(plain->hosts, (Strings{"a.host", "b.host"}));
   EXPECT_EQ(plain->methods.size(), 5u);
   EXPECT_EQ(plain->templ, "Bearer {value}");  // an unknown kind is a bearer
+  // Each kind the phone announces goes out in its own header and form.
+  for (const auto& [kind, header, templ] :
+       std::vector<std::tuple<std::string, std::string, std::string>>{
+           {"bearer", "authorization", "Bearer {value}"},
+           {"basic", "authorization", "Basic {value}"},
+           {"api_key", "authorization", "{value}"},
+           {"cookie", "cookie", "{value}"}}) {
+    const auto pins = Pins::derived(SecretName{"k", kind, {"h"}});
+    EXPECT_EQ(pins->header, header) << kind;
+    EXPECT_EQ(pins->templ, templ) << kind;
+  }
 
   SecretName narrowed{"k", "cookie", {"a.host"}};
   narrowed.rules = {AccessRule{{"A.host"}, {"DELETE", "GET"}, {"/v2", "/v1"}},
@@ -56,12 +69,26 @@ TEST(Pins, AllowWithoutRules) {
   EXPECT_EQ(
       refusal(pins, wire("GET", "api.host", 443, "/x")),
       "the k credential may only reach api.host:8443 \u2014 not api.host");
+  // The pinned host and port exactly: not one that only ends or begins with
+  // it, or with a port that shares its digits.
+  for (const auto& [host, port] :
+       std::vector<std::pair<std::string, int>>{{"evil-api.host", 8443},
+                                                {"i.host", 8443},
+                                                {"api.host.evil", 8443},
+                                                {"api.hos", 8443},
+                                                {"api.host", 84430},
+                                                {"api.host", 844}}) {
+    const Wire w = wire("GET", host, port, "/x");
+    EXPECT_EQ(refusal(pins, w),
+              "the k credential may only reach api.host:8443 \u2014 not " +
+                  w.netloc());
+  }
   pins.methods = {"GET", "POST"};
   EXPECT_EQ(refusal(pins, wire("TRACE", "api.host", 8443, "/")),
             "the k credential sends GET or POST, not TRACE");
 
   pins.paths = {"/v1", "/files/"};
-  for (const char* ok : {"/v1", "/v1/x?q", "/files/a"}) {
+  for (const char* ok : {"/v1", "/v1?q", "/v1/x?q", "/files/a"}) {
     EXPECT_EQ(refusal(pins, wire("GET", "api.host", 8443, ok)), "") << ok;
   }
   for (const char* no : {"/v10", "/files", "/v2?/v1"}) {
@@ -109,9 +136,12 @@ TEST(Pins, Attach) {
             "this phone announced is one string");
   EXPECT_EQ(result("{value}", ""),
             "refused: that credential produced no header");
-  EXPECT_EQ(result("Bearer {value}", "a\r\nX-Evil: 1"),
-            "refused: control characters in a header value are how one header "
-            "becomes two");
+  for (const char* control : {"a\r\nX-Evil: 1", "a\tb", "a\x7f"}) {
+    EXPECT_EQ(result("Bearer {value}", control),
+              "refused: control characters in a header value are how one "
+              "header becomes two")
+        << control;
+  }
 }
 
 }  // namespace

@@ -166,6 +166,16 @@ TEST_F(ApprovalTest, TheCredentialIsCheckedHeldAndFoundNowhereElse) {
       {offer({{"value", ""}}), "that credential has no value in it"},
       {offer({{"kind", "password"}}),
        "that credential's kind is not one this Mac knows"},
+      // Sealed to this service for this request, but as another kind of
+      // envelope: a reply is not a credential.
+      {CloudSeal::seal(asBytes(json{{"request_id", r.id},
+                                    {"name", "sheets"},
+                                    {"kind", "bearer"},
+                                    {"value", canary}}
+                                   .dump()),
+                       service->cloudKey().publicKey(), "reply", r.id)
+           .asDictionary(),
+       "that is not a credential for this request"},
   };
   for (const auto& [envelope, sentence] : wrong) {
     Approval a = good;
@@ -200,6 +210,31 @@ TEST_F(ApprovalTest, TheCredentialIsCheckedHeldAndFoundNowhereElse) {
     EXPECT_EQ(content.find(canary), std::string::npos) << entry.path();
   }
   EXPECT_EQ(status.dump().find(canary), std::string::npos);
+}
+
+// The parsed keys are kept between approvals; when one of a device's keys
+// changes and the other stays, the next approval is held to the new one.
+TEST_F(ApprovalTest, AChangedKeyIsTheOneCheckedNext) {
+  EXPECT_EQ(service->approve(phone.approve(*service, raise())).state,
+            RequestState::kApproved);
+  Phone renewed;
+  ASSERT_TRUE(ServiceInternals::devices(*service).edit(
+      phone.id, [&](Device& d) { d.pq = renewed.pq.publicKey().raw(); }));
+  StoredRequest r = raise();
+  expectRefused(phone.approve(*service, r),
+                "that approval lacks this device's post-quantum signature");
+  Approval a = phone.approve(*service, r);
+  a.pqSignatureBase64 = renewed.approve(*service, r).pqSignatureBase64;
+  EXPECT_EQ(service->approve(a).state, RequestState::kApproved);
+
+  ASSERT_TRUE(ServiceInternals::devices(*service).edit(
+      phone.id, [&](Device& d) { d.spki = renewed.key.publicKey().der(); }));
+  r = raise();
+  a = phone.approve(*service, r);
+  a.pqSignatureBase64 = renewed.approve(*service, r).pqSignatureBase64;
+  expectRefused(a, "that signature is not this device's");
+  EXPECT_EQ(service->approve(renewed.approve(*service, r)).state,
+            RequestState::kApproved);
 }
 
 TEST_F(ApprovalTest, OfTwoApprovalsRacingExactlyOnePasses) {

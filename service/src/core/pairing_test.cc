@@ -138,6 +138,12 @@ TEST_F(PairingTest, FullPairingGivesAProofOverThePhonesOwnKeys) {
               pairing_.offer(other.body({{"token", link->token}}));
             }),
             "a pairing is already waiting to be confirmed");
+  // So is one that gives the waiting phone's id with keys of its own.
+  const Phone impostor;
+  EXPECT_EQ(refusal([&] {
+              pairing_.offer(impostor.body({{"token", link->token}}));
+            }),
+            "a pairing is already waiting to be confirmed");
 
   const json status = pairing_.status();
   EXPECT_EQ(status["state"], "offered");
@@ -196,6 +202,12 @@ TEST_F(PairingTest, WrongTokensPicksAndTimeCloseOrKeepTheWindow) {
   const auto choices =
       pairing_.offer(phone.body({{"token", token}}))["choices"];
   const std::string code = pairing_.status()["code"];
+  // The right pick under another token confirms nothing.
+  EXPECT_EQ(
+      refusal([&] {
+        pairing_.confirm({{"token", std::string(32, '0')}, {"code", code}});
+      }),
+      "no pairing is waiting to be confirmed");
   const std::string wrong = choices[0] == code ? choices[1] : choices[0];
   EXPECT_EQ(refusal([&] {
               pairing_.confirm({{"token", token}, {"code", wrong}});
