@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -79,10 +80,18 @@ std::string drain(int fd) {
 
 }  // namespace
 
-ServiceProcess::ServiceProcess(std::string home, std::vector<std::string> args)
+ServiceProcess::ServiceProcess(std::string home, std::vector<std::string> args,
+                               int openFiles)
     : home_(std::move(home)) {
   pid_ = ::fork();
-  if (pid_ == 0) execService(home_, args);
+  if (pid_ == 0) {
+    if (openFiles > 0) {
+      const struct rlimit limit = {static_cast<rlim_t>(openFiles),
+                                   static_cast<rlim_t>(openFiles)};
+      if (::setrlimit(RLIMIT_NOFILE, &limit) != 0) ::_exit(126);
+    }
+    execService(home_, args);
+  }
 }
 
 ServiceProcess::~ServiceProcess() { stop(); }
