@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/un.h>
@@ -99,7 +100,7 @@ std::vector<std::string> environmentWith(
 // standard input, output and error; -1 leaves one as this process has it.
 pid_t spawn(std::vector<std::string> argv,
             const std::vector<std::pair<std::string, std::string>>& env,
-            const std::array<int, 3>& streams) {
+            const std::array<int, 3>& streams, int openFiles = 0) {
   // Everything the child needs is made before the fork: after it, only
   // calls that are safe in a child of a threaded process.
   std::vector<std::string> environment = environmentWith(env);
@@ -117,6 +118,11 @@ pid_t spawn(std::vector<std::string> argv,
     if (::getppid() != parent) ::_exit(127);
 #endif
     ::signal(SIGPIPE, SIG_DFL);
+    if (openFiles > 0) {
+      const struct rlimit limit = {static_cast<rlim_t>(openFiles),
+                                   static_cast<rlim_t>(openFiles)};
+      if (::setrlimit(RLIMIT_NOFILE, &limit) != 0) ::_exit(126);
+    }
     for (int fd = 0; fd < 3; ++fd) {
       if (streams[fd] >= 0) ::dup2(streams[fd], fd);
     }
@@ -164,11 +170,13 @@ std::chrono::milliseconds bounded(std::chrono::milliseconds limit) {
 
 bool inBudget() { return bounded(std::chrono::milliseconds(1)).count() > 0; }
 
-ServiceProcess::ServiceProcess(std::string home, std::vector<std::string> args)
+ServiceProcess::ServiceProcess(std::string home, std::vector<std::string> args,
+                               int openFiles)
     : home_(std::move(home)) {
   std::vector<std::string> argv = {TOLVANGER_SERVICE_BIN};
   argv.insert(argv.end(), args.begin(), args.end());
-  pid_ = spawn(std::move(argv), {{"TOLVANGER_HOME", home_}}, {-1, -1, -1});
+  pid_ = spawn(std::move(argv), {{"TOLVANGER_HOME", home_}}, {-1, -1, -1},
+               openFiles);
 }
 
 ServiceProcess::~ServiceProcess() { stop(); }

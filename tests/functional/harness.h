@@ -68,8 +68,11 @@ int useFreePort(const std::string& home);
 // Destroying it stops it as `stop` does.
 class ServiceProcess {
  public:
+  // `openFiles`, when above 0, is the most descriptors the process may hold
+  // (its soft and hard RLIMIT_NOFILE).
   explicit ServiceProcess(std::string home,
-                          std::vector<std::string> args = {"serve", "--quiet"});
+                          std::vector<std::string> args = {"serve", "--quiet"},
+                          int openFiles = 0);
   ~ServiceProcess();
   ServiceProcess(const ServiceProcess&) = delete;
   ServiceProcess& operator=(const ServiceProcess&) = delete;

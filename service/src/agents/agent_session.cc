@@ -30,6 +30,9 @@ const std::set<std::string, std::less<>> kAdminOps = {
 const std::set<std::string, std::less<>> kNotYetOps = {
     "tripwire.observe", "tripwire.offer", "tripwire.install"};
 
+// What a connection's pending buffer may keep of its storage between lines.
+constexpr size_t kKeptCapacity = 16384;
+
 json failure(const std::string& sentence) {
   return json{{"ok", false}, {"error", sentence}};
 }
@@ -115,6 +118,11 @@ bool AgentSession::feed(std::string_view bytes) {
     sendLine(handleLine(line));
   }
   pending_.erase(0, start);
+  // A long line leaves its storage behind; once nothing is pending it is
+  // given back, so that an idle connection holds only a little.
+  if (pending_.empty() && pending_.capacity() > kKeptCapacity) {
+    pending_.shrink_to_fit();
+  }
   return true;
 }
 

@@ -7,7 +7,10 @@
 
 #include <cerrno>
 #include <cstring>
+#include <nlohmann/json.hpp>
+#include <optional>
 
+#include "door.h"
 #include "tolvanger/kit/crypto/digest.h"
 #include "tolvanger/kit/service_error.h"
 #include "tolvanger/port/peer.h"
@@ -32,10 +35,19 @@ bool writeAll(int fd, std::string_view data) {
   return true;
 }
 
+// A failure as the protocol writes it: one line, keys sorted.
+std::string failureLine(const char* sentence) {
+  return nlohmann::json{{"ok", false}, {"error", sentence}}.dump() + "\n";
+}
+
 }  // namespace
 
-AgentSocket::AgentSocket(Service& service, Broker& broker, std::string path)
-    : service_(service), broker_(broker), path_(std::move(path)) {}
+AgentSocket::AgentSocket(Service& service, Broker& broker, std::string path,
+                         AgentLimits limits)
+    : service_(service),
+      broker_(broker),
+      path_(std::move(path)),
+      limits_(limits) {}
 
 AgentSocket::~AgentSocket() { stop(); }
 
@@ -45,8 +57,10 @@ void AgentSocket::start() {
     throw ServiceError::internalFailure(
         "the socket path is longer than a unix socket may be");
   }
+  stopSignal_ = std::make_unique<door::StopSignal>();
   ::unlink(path_.c_str());
-  const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const int fd =
+      ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
   if (fd < 0) throw ServiceError::internalFailure("could not make the socket");
   address.sun_family = AF_UNIX;
   std::memcpy(address.sun_path, path_.c_str(), path_.size() + 1);
@@ -86,57 +100,81 @@ void AgentSocket::stop() {
     running_ = false;
     listener = std::exchange(listener_, -1);
   }
+  // The flag ends long polls; the signal wakes the accept thread and every
+  // connection waiting for bytes. A connection in the middle of an op
+  // finishes it and sends its reply first.
   stopping_ = true;
-  // Shutting the listener down wakes the blocked accept(); the accept thread
-  // then closes it.
-  ::shutdown(listener, SHUT_RDWR);
+  stopSignal_->raise();
   if (acceptThread_.joinable()) acceptThread_.join();
+  ::close(listener);
   ::unlink(path_.c_str());
   UniqueLock lock(mu_);
-  for (int fd : connections_) ::shutdown(fd, SHUT_RDWR);
-  idle_.wait(lock, [this]() REQUIRES(mu_) { return connections_.empty(); });
+  idle_.wait(lock, [this]() REQUIRES(mu_) { return connections_ == 0; });
 }
 
 void AgentSocket::acceptLoop(int listener) {
-  pthread_setname_np(pthread_self(), "tolvanger.agents");
+  door::nameThread("tolvanger.agent");
   for (;;) {
-    const int fd = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-    if (fd < 0) {
-      if (errno == EINTR || errno == ECONNABORTED) continue;
-      break;
+    const int fd = door::acceptNext(listener, *stopSignal_);
+    if (fd < 0) return;
+    admit(fd);
+  }
+}
+
+void AgentSocket::admit(int fd) {
+  const auto peer = port::peerCredentials(fd);
+  const uid_t own = port::currentUid();
+  if (!peer || (peer->uid != own && peer->uid != 0)) {
+    service_.record("socket-refused", {{"why", "uid"},
+                                       {"uid", peer ? std::to_string(peer->uid)
+                                                    : std::string("-")}});
+    ::close(fd);
+    return;
+  }
+  bool admitted = false;
+  {
+    MutexLock lock(mu_);
+    if (running_ && connections_ < limits_.connections) {
+      ++connections_;
+      admitted = true;
     }
-    const auto peer = port::peerCredentials(fd);
-    const uid_t own = port::currentUid();
-    if (!peer || (peer->uid != own && peer->uid != 0)) {
-      service_.record(
-          "socket-refused",
-          {{"why", "uid"},
-           {"uid", peer ? std::to_string(peer->uid) : std::string("-")}});
-      ::close(fd);
-      continue;
-    }
-    std::string process;
-    if (peer->pid >= 1) {
-      const auto name = port::processName(peer->pid);
-      process = name ? AgentSession::labelFor(*name)
-                     : "pid-" + std::to_string(peer->pid);
-    }
-    {
-      MutexLock lock(mu_);
-      if (!running_) {
-        ::close(fd);
-        break;
-      }
-      connections_.insert(fd);
-    }
+  }
+  if (!admitted) {
+    // Refused at once, without a thread; a peer that does not read loses
+    // the line rather than holding the accept thread.
+    static const std::string kFull =
+        failureLine("too many connections are open — close one and try again");
+    ::send(fd, kFull.data(), kFull.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    ::close(fd);
+    return;
+  }
+  std::string process;
+  if (peer->pid >= 1) {
+    const auto name = port::processName(peer->pid);
+    process = name ? AgentSession::labelFor(*name)
+                   : "pid-" + std::to_string(peer->pid);
+  }
+  try {
     std::thread(&AgentSocket::serve, this, fd, std::move(process), peer->pid)
         .detach();
+  } catch (const std::system_error&) {
+    // No thread to be had just now: the peer may connect again.
+    ::close(fd);
+    MutexLock lock(mu_);
+    if (--connections_ == 0) idle_.notify_all();
   }
-  ::close(listener);
+}
+
+bool AgentSocket::holdUnfinished(size_t more) {
+  if (unfinished_.fetch_add(more) + more <= limits_.unfinishedBytes) {
+    return true;
+  }
+  unfinished_.fetch_sub(more);
+  return false;
 }
 
 void AgentSocket::serve(int fd, std::string process, pid_t pid) {
-  pthread_setname_np(pthread_self(), "tolvanger.agent");
+  door::nameThread("agent.peer");
   {
     auto session = AgentSession::create(
         service_, broker_, std::move(process), AgentProcess::of(pid),
@@ -149,20 +187,52 @@ void AgentSocket::serve(int fd, std::string process, pid_t pid) {
         },
         &stopping_);
     char buffer[kReadChunk];
+    // The bytes after the last line feed, which the session holds until the
+    // line ends, and when the first of them came.
+    size_t unfinished = 0;
+    std::optional<door::Clock::time_point> lineBegun;
+    const char* farewell = nullptr;
     for (;;) {
+      std::optional<door::Clock::time_point> deadline;
+      if (lineBegun) deadline = *lineBegun + limits_.lineDeadline;
+      const door::Wait wait = door::waitReadable(fd, *stopSignal_, deadline);
+      if (wait == door::Wait::kStopped) break;
+      if (wait == door::Wait::kTimedOut) {
+        farewell = "that line took too long to arrive";
+        break;
+      }
       const ssize_t n = ::recv(fd, buffer, sizeof(buffer), 0);
       if (n < 0 && errno == EINTR) continue;
       if (n <= 0) break;
-      if (!session->feed(std::string_view(buffer, static_cast<size_t>(n))))
+      const std::string_view bytes(buffer, static_cast<size_t>(n));
+      const size_t lastFeed = bytes.rfind('\n');
+      const size_t after = lastFeed == std::string_view::npos
+                               ? unfinished + bytes.size()
+                               : bytes.size() - lastFeed - 1;
+      if (after > unfinished && !holdUnfinished(after - unfinished)) {
+        farewell =
+            "the service holds too many unfinished lines — send whole lines";
         break;
+      }
+      if (after < unfinished) unfinished_.fetch_sub(unfinished - after);
+      if (after == 0) {
+        lineBegun.reset();
+      } else if (lastFeed != std::string_view::npos || unfinished == 0) {
+        lineBegun = door::Clock::now();
+      }
+      unfinished = after;
+      if (!session->feed(bytes)) break;
     }
+    unfinished_.fetch_sub(unfinished);
+    // After end() no event line can be on its way, so the last word cannot
+    // interleave with one.
     session->end();
+    if (farewell) writeAll(fd, failureLine(farewell));
   }
   crypto::releaseThreadState();
-  MutexLock lock(mu_);
   ::close(fd);
-  connections_.erase(fd);
-  if (connections_.empty()) idle_.notify_all();
+  MutexLock lock(mu_);
+  if (--connections_ == 0) idle_.notify_all();
 }
 
 }  // namespace tolvanger::service

@@ -16,6 +16,7 @@
 #include <system_error>
 #include <utility>
 
+#include "door.h"
 #include "tolvanger/kit/ascii.h"
 #include "tolvanger/kit/bytes.h"
 #include "tolvanger/kit/crypto/digest.h"
@@ -30,8 +31,6 @@ constexpr std::string_view kTerminator = "\r\n\r\n";
 constexpr std::string_view kEmptyObject = "{}";
 constexpr size_t kReadChunk = 8192;
 constexpr int kBacklog = 32;
-constexpr std::string_view kListenerThread = "tolvanger.http";
-constexpr std::string_view kPeerThread = "tolvanger.http.peer";
 // After answering, what the peer still sends is read and thrown away for at
 // most this long and this much, so that closing with unread bytes does not
 // reset the connection before the peer has read the answer.
@@ -137,17 +136,13 @@ void appendWiping(std::string& buffer, std::string_view data) {
   buffer.append(data);
 }
 
-// Linux keeps 15 bytes of a thread's name; the rest is cut.
-void nameThread(std::string_view name) {
-  const std::string cut(name.substr(0, 15));
-  ::pthread_setname_np(::pthread_self(), cut.c_str());
-}
-
-void setReceiveTimeout(int fd, std::chrono::milliseconds timeout) {
+// Bounds each write, so that a peer that never reads cannot hold a thread
+// (and stop()) for ever.
+void setSendTimeout(int fd, std::chrono::milliseconds timeout) {
   struct timeval tv = {};
   tv.tv_sec = static_cast<time_t>(timeout.count() / 1000);
   tv.tv_usec = static_cast<suseconds_t>((timeout.count() % 1000) * 1000);
-  ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
+  ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof(tv));
 }
 
 // Writes all of `data`, stopping quietly at the first write that fails.
@@ -161,20 +156,37 @@ void writeAll(int fd, std::string_view data) {
 }
 
 // Ends the sending side and reads what the peer still sends, briefly, so that
-// the answer is not lost to a reset when the socket is closed.
-void linger(int fd) {
+// the answer is not lost to a reset when the socket is closed. A stopping
+// server does not wait.
+void linger(int fd, const door::StopSignal& stopping) {
   ::shutdown(fd, SHUT_WR);
-  setReceiveTimeout(fd, kLingerTime);
-  const auto deadline = std::chrono::steady_clock::now() + kLingerTime;
+  const auto deadline = door::Clock::now() + kLingerTime;
   char scratch[kReadChunk];
   size_t total = 0;
-  while (total < kLingerBytes && std::chrono::steady_clock::now() < deadline) {
+  while (total < kLingerBytes &&
+         door::waitReadable(fd, stopping, deadline) == door::Wait::kReadable) {
     const ssize_t n = ::recv(fd, scratch, sizeof(scratch), 0);
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) break;
     total += static_cast<size_t>(n);
   }
   wipe(scratch, sizeof(scratch));
+}
+
+// Answers a connection over the cap with a short 503 and closes it, without
+// blocking the accept loop on it. What the peer has sent already is read
+// first, so that closing does not reset the connection under the answer.
+void refuseBusy(int fd) {
+  static const std::string kBusy = formatHTTPResponse(
+      {503, {{"ok", false}, {"error", "the service is busy — try again"}}});
+  char scratch[kReadChunk];
+  for (int i = 0; i < 8; ++i) {
+    if (::recv(fd, scratch, sizeof(scratch), MSG_DONTWAIT) <= 0) break;
+  }
+  wipe(scratch, sizeof(scratch));
+  ::send(fd, kBusy.data(), kBusy.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+  ::shutdown(fd, SHUT_WR);
+  ::close(fd);
 }
 
 }  // namespace
@@ -249,11 +261,11 @@ std::string formatHTTPResponse(const RouteResult& result) {
 }
 
 HTTPServer::HTTPServer(RouteHandler routes, std::vector<std::string> addresses,
-                       int port, std::chrono::milliseconds receiveTimeout)
+                       int port, HTTPLimits limits)
     : routes_(std::move(routes)),
       addresses_(std::move(addresses)),
       port_(port),
-      receiveTimeout_(receiveTimeout) {}
+      limits_(limits) {}
 
 HTTPServer::~HTTPServer() { stop(); }
 
@@ -263,7 +275,8 @@ bool HTTPServer::running() const {
 }
 
 int HTTPServer::listenOn(const std::string& address) const {
-  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const int fd =
+      ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
   if (fd < 0) throw ServiceError::internalFailure("could not make a socket");
   const int on = 1;
   ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
@@ -294,6 +307,8 @@ void HTTPServer::start() {
   if (addresses_.empty()) {
     throw ServiceError::internalFailure("nothing to listen on");
   }
+  // No thread of an earlier run is left, so none reads the old signal.
+  stopping_ = std::make_unique<door::StopSignal>();
   std::vector<int> opened;
   try {
     for (const auto& address : addresses_) opened.push_back(listenOn(address));
@@ -333,21 +348,17 @@ void HTTPServer::stop() {
     listeners = std::exchange(listeners_, {});
     acceptThreads = std::exchange(acceptThreads_, {});
   }
-  // Closing a listener does not wake an accept() blocked on it; shutting it
-  // down does.
-  for (int fd : listeners) ::shutdown(fd, SHUT_RDWR);
+  // Wakes the accept loops, the peers still reading a request and those
+  // lingering after an answer. A peer whose request is with the routes is
+  // not disturbed: it writes its answer and ends.
+  if (stopping_) stopping_->raise();
   for (auto& thread : acceptThreads) thread.join();
   for (int fd : listeners) ::close(fd);
 
-  // No accept thread is left to add a connection. Shutting each one down
-  // wakes its thread from a read or a write; a peer thread closes its own
-  // descriptor, under the lock, so none is shut down after reuse.
+  // No accept thread is left to add a connection.
   std::list<Peer> peers;
   {
     MutexLock lock(mu_);
-    for (const auto& peer : peers_) {
-      if (peer.fd >= 0) ::shutdown(peer.fd, SHUT_RDWR);
-    }
     peers.swap(peers_);  // nodes move whole, so peers' pointers stay good
   }
   for (auto& peer : peers) {
@@ -356,26 +367,18 @@ void HTTPServer::stop() {
 }
 
 void HTTPServer::acceptLoop(int listener) {
-  nameThread(kListenerThread);
+  door::nameThread("tolvanger.http");
   for (;;) {
-    const int fd = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-    if (fd < 0) {
-      // A connection that failed before it was taken is that connection's
-      // problem, not the listener's.
-      if ((errno == EINTR || errno == ECONNABORTED || errno == EPROTO) &&
-          running()) {
-        continue;
-      }
-      return;
-    }
+    const int fd = door::acceptNext(listener, *stopping_);
+    if (fd < 0) return;
+    const auto begun = door::Clock::now();
     std::vector<std::thread> finished;
+    bool stopped = false;
+    bool admitted = false;
     {
       MutexLock lock(mu_);
-      if (!running_) {
-        ::close(fd);
-        return;
-      }
-      for (auto it = peers_.begin(); it != peers_.end();) {
+      stopped = !running_;
+      for (auto it = peers_.begin(); !stopped && it != peers_.end();) {
         if (it->done) {
           finished.push_back(std::move(it->thread));
           it = peers_.erase(it);
@@ -383,39 +386,58 @@ void HTTPServer::acceptLoop(int listener) {
           ++it;
         }
       }
-      Peer& peer = peers_.emplace_back();
-      peer.fd = fd;
-      try {
-        peer.thread = std::thread(&HTTPServer::serve, this, &peer, fd);
-      } catch (const std::system_error&) {
-        ::close(fd);
-        peers_.pop_back();
+      if (!stopped && peers_.size() < limits_.connections) {
+        Peer& peer = peers_.emplace_back();
+        try {
+          peer.thread = std::thread(&HTTPServer::serve, this, &peer, fd, begun);
+          admitted = true;
+        } catch (const std::system_error&) {
+          peers_.pop_back();
+        }
       }
     }
     for (auto& thread : finished) thread.join();
+    if (stopped) {
+      ::close(fd);
+      return;
+    }
+    if (!admitted) refuseBusy(fd);
   }
 }
 
-void HTTPServer::serve(Peer* peer, int fd) {
-  nameThread(kPeerThread);
-  setReceiveTimeout(fd, receiveTimeout_);
-  if (const auto answer = answerFor(fd)) {
+void HTTPServer::serve(Peer* peer, int fd, door::Clock::time_point begun) {
+  door::nameThread("http.peer");
+  setSendTimeout(fd, limits_.requestDeadline);
+  if (const auto answer = answerFor(fd, begun + limits_.requestDeadline)) {
     writeAll(fd, formatHTTPResponse(*answer));
-    linger(fd);
+    linger(fd, *stopping_);
   }
   crypto::releaseThreadState();
-  MutexLock lock(mu_);
   ::close(fd);
-  peer->fd = -1;
+  MutexLock lock(mu_);
   peer->done = true;
 }
 
-std::optional<RouteResult> HTTPServer::answerFor(int fd) {
+std::optional<RouteResult> HTTPServer::answerFor(
+    int fd, door::Clock::time_point deadline) {
   std::string received;
   received.reserve(kReadChunk);
   char chunk[kReadChunk];
   HTTPParse parsed = need(0);
   for (;;) {
+    const door::Wait wait = door::waitReadable(fd, *stopping_, deadline);
+    if (wait == door::Wait::kStopped) {
+      // Cut short by stop(), this could pass as a request whose body
+      // stopped short; it is dropped instead.
+      parsed = drop();
+      break;
+    }
+    if (wait == door::Wait::kTimedOut) {
+      // The deadline counts for the whole request: a peer that trickles
+      // its bytes is treated as one that stopped sending.
+      parsed = parseHTTPRequest(received, true);
+      break;
+    }
     const ssize_t n = ::recv(fd, chunk, sizeof(chunk), 0);
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) {
@@ -447,9 +469,6 @@ std::optional<RouteResult> HTTPServer::answerFor(int fd) {
       answer = std::move(parsed.answer);
       break;
     case HTTPParse::Outcome::kRequest:
-      // A connection cut by stop() looks like a peer that stopped short;
-      // it is not handed on.
-      if (!running()) break;
       try {
         answer = routes_(parsed.request.method, parsed.request.path,
                          parsed.request.body);

@@ -163,22 +163,30 @@ class HTTPServerTest : public ::testing::Test {
     server_->start();
   }
 
-  std::unique_ptr<HTTPServer> makeServer(std::chrono::milliseconds timeout,
-                                         std::vector<std::string> addresses = {
-                                             "127.0.0.1"}) {
+  std::unique_ptr<HTTPServer> makeServer(
+      std::chrono::milliseconds deadline,
+      std::vector<std::string> addresses = {"127.0.0.1"},
+      size_t connections = kMaxHTTPConnections) {
     return std::make_unique<HTTPServer>(
         [this](std::string_view method, std::string_view path,
                std::string_view body) {
-          MutexLock lock(mu_);
-          seen_.push_back(
-              {std::string(method), std::string(path), std::string(body)});
+          {
+            MutexLock lock(mu_);
+            seen_.push_back(
+                {std::string(method), std::string(path), std::string(body)});
+          }
+          if (path == "/slow") {
+            entered_ = true;
+            std::this_thread::sleep_for(slowFor_);
+          }
           if (path == "/missing") {
             return RouteResult{404,
                                {{"ok", false}, {"error", "no such route"}}};
           }
           return RouteResult{200, {{"ok", true}}};
         },
-        std::move(addresses), port_, timeout);
+        std::move(addresses), port_,
+        HTTPLimits{.connections = connections, .requestDeadline = deadline});
   }
 
   // Sends `request`, ends the sending side and returns all that comes back.
@@ -200,6 +208,8 @@ class HTTPServerTest : public ::testing::Test {
   std::unique_ptr<HTTPServer> server_;
   Mutex mu_;
   std::vector<Seen> seen_;
+  std::atomic<bool> entered_{false};
+  std::chrono::milliseconds slowFor_{0};
 };
 
 TEST_F(HTTPServerTest, AnswersGoodRequests) {
@@ -248,14 +258,51 @@ TEST_F(HTTPServerTest, RefusesOrDropsBadRequests) {
   EXPECT_TRUE(seen().empty());
 }
 
-TEST_F(HTTPServerTest, DropsSilentClientAfterTimeout) {
-  const int fd = connectTo(port_);
+TEST_F(HTTPServerTest, DropsSilentAndTricklingClientsAtTheDeadline) {
+  const int silent = connectTo(port_);
   const auto began = std::chrono::steady_clock::now();
-  EXPECT_EQ(readToEnd(fd), "");
+  EXPECT_EQ(readToEnd(silent), "");
   const auto took = std::chrono::steady_clock::now() - began;
   EXPECT_GE(took, 400ms);
   EXPECT_LT(took, 5s);
-  ::close(fd);
+  ::close(silent);
+
+  // One byte of an endless head every 50 ms: no single read waits long, but
+  // the request as a whole runs past its deadline and is dropped.
+  const int trickle = connectTo(port_);
+  const auto start = std::chrono::steady_clock::now();
+  bool dropped = false;
+  while (!dropped && std::chrono::steady_clock::now() - start < 3s) {
+    dropped = ::send(trickle, "X", 1, MSG_NOSIGNAL) != 1;
+    char c;
+    dropped = dropped || ::recv(trickle, &c, 1, MSG_DONTWAIT) == 0;
+    std::this_thread::sleep_for(50ms);
+  }
+  EXPECT_TRUE(dropped);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 1500ms);
+  ::close(trickle);
+  EXPECT_TRUE(seen().empty());
+}
+
+TEST_F(HTTPServerTest, RefusesConnectionsOverTheCapAtOnce) {
+  server_->stop();
+  server_ = makeServer(5s, {"127.0.0.1"}, 2);
+  server_->start();
+  const int first = connectTo(port_);
+  const int second = connectTo(port_);
+  std::this_thread::sleep_for(100ms);
+  const auto began = std::chrono::steady_clock::now();
+  const int third = connectTo(port_);
+  const std::string refused = readToEnd(third);
+  ::close(third);
+  EXPECT_LT(std::chrono::steady_clock::now() - began, 1s);
+  EXPECT_TRUE(refused.starts_with("HTTP/1.1 503 Error\r\n")) << refused;
+  ::close(first);
+  ::close(second);
+  // Once one leaves, the door serves again.
+  std::this_thread::sleep_for(100ms);
+  EXPECT_TRUE(exchange("GET /v1/health HTTP/1.1\r\n\r\n")
+                  .starts_with("HTTP/1.1 200 OK\r\n"));
 }
 
 TEST_F(HTTPServerTest, StopIsPromptWithPeersConnected) {
@@ -279,6 +326,17 @@ TEST_F(HTTPServerTest, StopIsPromptWithPeersConnected) {
   EXPECT_TRUE(seen().empty());
   ::close(idle);
   ::close(halfway);
+}
+
+TEST_F(HTTPServerTest, StopLetsARequestInFlightFinishAndAnswer) {
+  slowFor_ = 300ms;
+  const int fd = connectTo(port_);
+  const std::string request = "GET /slow HTTP/1.1\r\n\r\n";
+  ::send(fd, request.data(), request.size(), MSG_NOSIGNAL);
+  while (!entered_) std::this_thread::sleep_for(5ms);
+  server_->stop();
+  EXPECT_TRUE(readToEnd(fd).ends_with("\r\n\r\n{\"ok\":true}"));
+  ::close(fd);
 }
 
 TEST_F(HTTPServerTest, StartFailures) {

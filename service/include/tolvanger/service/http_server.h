@@ -2,25 +2,33 @@
 // the service, written directly on sockets.
 //
 // One thread per listening address ("tolvanger.http") and one per connection
-// ("tolvanger.http.peer"); one request per connection, JSON object in, JSON
-// object out, and the connection closed after the answer. There is no TLS:
-// what needs secrecy travels inside sealed envelopes. A silent peer is dropped
-// by the receive timeout. A bad request gets one of three 400 answers
-// ("unreadable request", "that body is too large", "that is not json") or no
-// answer at all; nothing about it leaves the connection.
+// ("http.peer"); one request per connection, JSON object in, JSON object out,
+// and the connection closed after the answer. There is no TLS: what needs
+// secrecy travels inside sealed envelopes.
+//
+// What a peer may hold is bounded: a request's head and body must arrive
+// within one overall deadline from the accept, however the bytes are spread,
+// so a peer that trickles them is dropped like a silent one; and at most
+// `HTTPLimits::connections` are served at once, one more being answered 503
+// at once and closed. Running out of descriptors or memory for a moment never
+// ends an accept loop (see door.h). A bad request gets one of three 400
+// answers ("unreadable request", "that body is too large", "that is not
+// json") or no answer at all; nothing about it leaves the connection.
 //
 // `LocalAddress` decides what to bind; `FreePort` finds a port that is free.
 //
 // Thread safety: `start` and `stop` are called by one owner thread; the route
 // handler is called from many connection threads at once. `mu_` guards the
 // listeners, the running flag and the live connections, and is never held
-// across a blocking socket call.
+// across a socket call: connection threads own and close their descriptors,
+// and stop() wakes them through a signal, not by touching their sockets.
 #ifndef TOLVANGER_SERVICE_HTTP_SERVER_H_
 #define TOLVANGER_SERVICE_HTTP_SERVER_H_
 
 #include <chrono>
 #include <cstddef>
 #include <list>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -33,6 +41,10 @@
 #include "tolvanger/service/route_result.h"
 
 namespace tolvanger::service {
+
+namespace door {
+class StopSignal;
+}
 
 // One request as the listener read it. Every view points into the bytes that
 // were given to `parseHTTPRequest` (or at a static "{}"), so it lives as long
@@ -76,6 +88,19 @@ HTTPParse parseHTTPRequest(std::string_view received, bool ended = false);
 // payload still not serialise, the body is {"ok":false}).
 std::string formatHTTPResponse(const RouteResult& result);
 
+// Connections the HTTP listener serves at once. One person's phone makes a
+// handful; the cap keeps a flood from taking every descriptor the process has.
+inline constexpr size_t kMaxHTTPConnections = 64;
+
+// What the HTTP listener lets its peers hold. Tests shorten them.
+struct HTTPLimits {
+  // Connections served at once; one more is answered 503 and closed.
+  size_t connections = kMaxHTTPConnections;
+  // From the accept, the longest that a request's head and body may take to
+  // arrive, counted over the whole request and not per read.
+  std::chrono::milliseconds requestDeadline = std::chrono::seconds(15);
+};
+
 class HTTPServer {
  public:
   // The largest body, and the largest head, that a request may have.
@@ -83,10 +108,9 @@ class HTTPServer {
 
   // `routes` answers each request; it must be safe to call from many threads
   // and outlive the server. `addresses` are IPv4 texts to bind, each on
-  // `port`. `receiveTimeout` bounds each read on a connection.
-  HTTPServer(
-      RouteHandler routes, std::vector<std::string> addresses, int port,
-      std::chrono::milliseconds receiveTimeout = std::chrono::seconds(15));
+  // `port`.
+  HTTPServer(RouteHandler routes, std::vector<std::string> addresses, int port,
+             HTTPLimits limits = {});
   // Stops the server.
   ~HTTPServer();
 
@@ -101,9 +125,10 @@ class HTTPServer {
   // then. A call while running does nothing.
   void start();
 
-  // Stops accepting, ends every open connection (a request already with the
-  // routes is answered first) and waits for every thread of the server.
-  // Idempotent; returns promptly however silent the peers are.
+  // Stops accepting and waits for every thread of the server. A request
+  // already read whole runs to its end and its answer is sent; a peer still
+  // sending its request, or silent, is dropped. Idempotent; returns promptly
+  // however silent the peers are.
   void stop();
 
   bool running() const;
@@ -111,24 +136,29 @@ class HTTPServer {
   const std::vector<std::string>& addresses() const { return addresses_; }
 
  private:
-  // One accepted connection and the thread that serves it. `fd` is -1 and
-  // `done` true once the thread has closed it; after that the thread touches
+  // One accepted connection's thread. The thread owns the descriptor and
+  // closes it; `done` turns true after that, and then the thread touches
   // nothing of the server's.
   struct Peer {
-    int fd = -1;
     bool done = false;
     std::thread thread;
   };
 
   int listenOn(const std::string& address) const;
   void acceptLoop(int listener);
-  void serve(Peer* peer, int fd);
-  std::optional<RouteResult> answerFor(int fd);
+  void serve(Peer* peer, int fd, std::chrono::steady_clock::time_point begun);
+  std::optional<RouteResult> answerFor(
+      int fd, std::chrono::steady_clock::time_point deadline);
 
   const RouteHandler routes_;
   const std::vector<std::string> addresses_;
   const int port_;
-  const std::chrono::milliseconds receiveTimeout_;
+  const HTTPLimits limits_;
+
+  // Raised by stop() to wake every thread of the server. Made by start()
+  // before any thread starts and replaced only when none runs, so the threads
+  // read it without the lock.
+  std::unique_ptr<door::StopSignal> stopping_;
 
   mutable Mutex mu_;
   std::vector<int> listeners_ GUARDED_BY(mu_);
