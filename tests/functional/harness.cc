@@ -184,9 +184,16 @@ ServiceProcess::~ServiceProcess() { stop(); }
 bool ServiceProcess::waitForSocket(std::chrono::milliseconds limit) {
   const auto deadline = Clock::now() + bounded(limit);
   while (pid_ > 0 && Clock::now() < deadline) {
+    // The service writes "started" once both doors are open; a test that
+    // goes on before it could race the rest of the start.
     if (fs::exists(socketPath())) {
       SocketClient probe(socketPath());
-      if (probe.connected()) return true;
+      std::ifstream journal(home_ + "/journal.log");
+      const std::string text((std::istreambuf_iterator<char>(journal)),
+                             std::istreambuf_iterator<char>());
+      if (probe.connected() && text.find(" started ") != std::string::npos) {
+        return true;
+      }
     }
     int status = 0;
     if (::waitpid(pid_, &status, WNOHANG) == pid_) {

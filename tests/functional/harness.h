@@ -77,8 +77,8 @@ class ServiceProcess {
   ServiceProcess(const ServiceProcess&) = delete;
   ServiceProcess& operator=(const ServiceProcess&) = delete;
 
-  // Waits until the socket file exists; false if the process died first or
-  // the time ran out.
+  // Waits until the service has started (its socket answers and its journal
+  // says "started"); false if the process died first or the time ran out.
   bool waitForSocket(
       std::chrono::milliseconds limit = std::chrono::seconds(20));
   // Sends SIGTERM and waits a few seconds for the end, then kills the
