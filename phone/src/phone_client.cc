@@ -9,6 +9,7 @@
 #include <mutex>
 #include <utility>
 
+#include "tolvanger/kit/clock.h"
 #include "tolvanger/kit/ids.h"
 
 namespace tolvanger::phone {
@@ -16,12 +17,6 @@ namespace tolvanger::phone {
 using nlohmann::json;
 
 namespace {
-
-int64_t nowSeconds() {
-  return std::chrono::duration_cast<std::chrono::seconds>(
-             std::chrono::system_clock::now().time_since_epoch())
-      .count();
-}
 
 // libcurl's global state, set up once for the process before the first
 // exchange.
@@ -449,7 +444,8 @@ Health DaemonClient::health() const {
 }
 
 PendingList DaemonClient::pending() const {
-  return PendingList::from(call("/v1/pending", std::nullopt), nowSeconds());
+  return PendingList::from(call("/v1/pending", std::nullopt),
+                           SystemClock::seconds());
 }
 
 TolvangerRequest DaemonClient::request(

@@ -2,15 +2,16 @@
 
 #include <unicode/ustring.h>
 
-#include <chrono>
 #include <cstdio>
 #include <set>
 #include <utility>
 
 #include "tolvanger/kit/canonical.h"
+#include "tolvanger/kit/clock.h"
 #include "tolvanger/kit/crypto/mldsa65.h"
 #include "tolvanger/kit/crypto/p256.h"
 #include "tolvanger/kit/fields.h"
+#include "tolvanger/kit/json_fields.h"
 #include "tolvanger/kit/random.h"
 #include "tolvanger/kit/summary.h"
 #include "tolvanger/kit/text.h"
@@ -23,23 +24,10 @@ namespace {
 
 constexpr std::string_view kNoticeDomain = "tolvanger-notice-v1";
 
-int64_t nowSeconds() {
-  return std::chrono::duration_cast<std::chrono::seconds>(
-             std::chrono::system_clock::now().time_since_epoch())
-      .count();
-}
-
 const std::string* textAt(const json& object, const char* key) {
   const auto it = object.find(key);
   if (it == object.end() || !it->is_string()) return nullptr;
   return &it->get_ref<const std::string&>();
-}
-
-// A JSON integer (not a float such as 1.0) that fits in 64 bits.
-std::optional<int64_t> integerAt(const json& object, const char* key) {
-  const auto it = object.find(key);
-  if (it == object.end() || !it->is_number_integer()) return std::nullopt;
-  return Canonical::wholeNumber(*it);
 }
 
 // `text` with its first user-perceived character upper-cased by the full
@@ -195,8 +183,10 @@ TolvangerRequest TolvangerRequest::fromDaemon(
   const std::string* digest = textAt(payload, "digest");
   const std::string* daemonID = textAt(payload, "daemon_id");
   const std::string* requestID = textAt(payload, "request_id");
-  const std::optional<int64_t> issuedAt = integerAt(payload, "issued_at");
-  const std::optional<int64_t> expiresAt = integerAt(payload, "expires_at");
+  const std::optional<int64_t> issuedAt =
+      JsonFields::integer(payload, "issued_at");
+  const std::optional<int64_t> expiresAt =
+      JsonFields::integer(payload, "expires_at");
   if (!canonical || !digest || !daemonID || !requestID || !issuedAt ||
       !expiresAt) {
     throw RequestError::malformed("the daemon left a field out");
@@ -237,8 +227,8 @@ TolvangerRequest TolvangerRequest::fromDaemon(
 
   TolvangerRequest request;
   // The version the signed text gives; the payload's own as a fallback.
-  std::optional<int64_t> version = integerAt(inner, "version");
-  if (!version) version = integerAt(payload, "version");
+  std::optional<int64_t> version = JsonFields::integer(inner, "version");
+  if (!version) version = JsonFields::integer(payload, "version");
   request.version = version.value_or(0);
   request.daemonID = *daemonID;
   request.requestID = *requestID;
@@ -272,14 +262,16 @@ TolvangerRequest TolvangerRequest::fromDaemon(
 }
 
 int64_t TolvangerRequest::secondsLeft() const {
-  return secondsLeft(nowSeconds());
+  return secondsLeft(SystemClock::seconds());
 }
 
 int64_t TolvangerRequest::secondsLeft(int64_t now) const {
   return expiresAt > now ? expiresAt - now : 0;
 }
 
-Bytes TolvangerRequest::binding() const { return binding(nowSeconds()); }
+Bytes TolvangerRequest::binding() const {
+  return binding(SystemClock::seconds());
+}
 
 Bytes TolvangerRequest::binding(int64_t now) const {
   if (secondsLeft(now) == 0) throw RequestError::expired();

@@ -5,6 +5,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "tolvanger/kit/clock.h"
 #include "tolvanger/kit/ids.h"
 #include "tolvanger/kit/random.h"
 #include "tolvanger/kit/text.h"
@@ -14,12 +15,6 @@ namespace tolvanger::phone {
 using nlohmann::json;
 
 namespace {
-
-int64_t nowSeconds() {
-  return std::chrono::duration_cast<std::chrono::seconds>(
-             std::chrono::system_clock::now().time_since_epoch())
-      .count();
-}
 
 std::string joinURL(std::string_view base, std::string_view path) {
   while (!base.empty() && base.back() == '/') base.remove_suffix(1);
@@ -134,9 +129,12 @@ std::string sentence(Road road, bool hasCloud) {
 CredentialOffer CredentialOffer::forRequest(
     const TolvangerRequest& request, std::string name, std::string kind,
     ByteView value, int64_t lifetime, std::optional<int64_t> holdSeconds) {
-  return CredentialOffer{request.requestID,       std::move(name),
-                         std::move(kind),         SecretBytes(value),
-                         nowSeconds() + lifetime, holdSeconds};
+  return CredentialOffer{request.requestID,
+                         std::move(name),
+                         std::move(kind),
+                         SecretBytes(value),
+                         SystemClock::seconds() + lifetime,
+                         holdSeconds};
 }
 
 SecretBytes CredentialOffer::text() const {
@@ -289,7 +287,7 @@ json SealedRoad::call(std::string_view method, std::string_view path,
 
 PendingList SealedRoad::pending() {
   return PendingList::from(call("GET", "/v1/pending", std::nullopt),
-                           nowSeconds());
+                           SystemClock::seconds());
 }
 
 void SealedRoad::nudgeSeen(std::string_view id) {

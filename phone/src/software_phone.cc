@@ -5,6 +5,7 @@
 #include <limits>
 
 #include "tolvanger/kit/ascii.h"
+#include "tolvanger/kit/clock.h"
 #include "tolvanger/kit/fingerprint.h"
 #include "tolvanger/kit/random.h"
 #include "tolvanger/port/system.h"
@@ -13,12 +14,6 @@ namespace tolvanger::phone {
 namespace {
 
 using nlohmann::json;
-
-int64_t nowSeconds() {
-  return std::chrono::duration_cast<std::chrono::seconds>(
-             std::chrono::system_clock::now().time_since_epoch())
-      .count();
-}
 
 // `value` with every line after the first indented by `indent`, so that a
 // value of several lines stays under its label.
@@ -112,7 +107,7 @@ void SoftwarePhone::announce(SecretList& list) {
   // counts as newer.
   const int64_t next =
       list.seq < std::numeric_limits<int64_t>::max() ? list.seq + 1 : list.seq;
-  list.seq = std::max(next, nowSeconds());
+  list.seq = std::max(next, SystemClock::seconds());
   home_.saveSecrets(list);
   connect();
   json answer;
@@ -219,7 +214,7 @@ PhonePairing::Paired PhonePairing::confirm(std::string_view pick) {
   state.daemonSPKI = pairing.daemonSPKI;
   state.daemonPQ = pairing.daemonPQ;
   state.cloud = pairing.cloud;
-  state.pairedAt = nowSeconds();
+  state.pairedAt = SystemClock::seconds();
   home_->savePairing(state);
   return paired;
 }

@@ -9,6 +9,7 @@
 
 #include "tolvanger/kit/fields.h"
 #include "tolvanger/kit/ids.h"
+#include "tolvanger/kit/json_fields.h"
 #include "tolvanger/kit/service_error.h"
 #include "tolvanger/kit/text.h"
 #include "tolvanger/service/broker.h"
@@ -41,17 +42,6 @@ std::optional<std::string> textAt(const json& object, const char* key) {
   const auto it = object.find(key);
   if (it == object.end() || !it->is_string()) return std::nullopt;
   return it->get<std::string>();
-}
-
-std::optional<int64_t> integerAt(const json& object, const char* key) {
-  const auto it = object.find(key);
-  if (it == object.end()) return std::nullopt;
-  if (it->is_number_integer()) return it->get<int64_t>();
-  if (it->is_number_unsigned()) {
-    return static_cast<int64_t>(
-        std::min<uint64_t>(it->get<uint64_t>(), INT64_MAX));
-  }
-  return std::nullopt;
 }
 
 std::string requiredID(const json& object) {
@@ -202,7 +192,7 @@ json AgentSession::dispatch(const std::string& op, const json& line,
     const auto request = line.find("request");
     ask.request = request == line.end() ? json() : *request;
     ask.reason = textAt(line, "reason");
-    ask.ttlSeconds = integerAt(line, "ttl_s");
+    ask.ttlSeconds = JsonFields::integer(line, "ttl_s");
     ask.agent = process_.empty() ? "-" : process_;
     ask.client = client;
     ask.process = agentProcess_;
@@ -236,7 +226,7 @@ json AgentSession::dispatch(const std::string& op, const json& line,
       fields.remove("client");
     }
     RaiseOptions options;
-    options.ttlSeconds = integerAt(line, "ttl_s");
+    options.ttlSeconds = JsonFields::integer(line, "ttl_s");
     return service_.openedReply(
         service_.raise(*operation, std::move(fields), options));
   }
@@ -259,8 +249,8 @@ json AgentSession::dispatch(const std::string& op, const json& line,
     return json{{"ok", true}, {"forgotten", service_.forgetDevice(*id)}};
   }
   if (op == "journal.tail") {
-    const int64_t lines =
-        std::clamp<int64_t>(integerAt(line, "lines").value_or(40), 1, 500);
+    const int64_t lines = std::clamp<int64_t>(
+        JsonFields::integer(line, "lines").value_or(40), 1, 500);
     return json{{"ok", true},
                 {"lines", service_.journalTail(static_cast<size_t>(lines))}};
   }
@@ -307,8 +297,8 @@ json AgentSession::dispatch(const std::string& op, const json& line,
 
 json AgentSession::poll(const json& line) {
   const std::string id = requiredID(line);
-  const int64_t wait =
-      std::min<int64_t>(integerAt(line, "wait").value_or(0), kMaxPollWait);
+  const int64_t wait = std::min<int64_t>(
+      JsonFields::integer(line, "wait").value_or(0), kMaxPollWait);
   const auto deadline = std::chrono::steady_clock::now() +
                         std::chrono::seconds(std::max<int64_t>(wait, 0));
   for (;;) {

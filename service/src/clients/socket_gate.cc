@@ -4,6 +4,7 @@
 #include <exception>
 #include <thread>
 
+#include "tolvanger/kit/json_fields.h"
 #include "tolvanger/kit/sign_in.h"
 #include "tolvanger/service/admin.h"
 
@@ -22,13 +23,6 @@ std::optional<std::string> textAt(const json& reply, const char* key) {
   const auto it = reply.find(key);
   if (it == reply.end() || !it->is_string()) return std::nullopt;
   return it->get<std::string>();
-}
-
-std::optional<int64_t> integerAt(const json& reply, const char* key) {
-  if (!reply.is_object()) return std::nullopt;
-  const auto it = reply.find(key);
-  if (it == reply.end() || !it->is_number_integer()) return std::nullopt;
-  return it->get<int64_t>();
 }
 
 bool isOK(const json& reply) {
@@ -145,7 +139,7 @@ GateAnswer SocketGate::ask(const std::string& operation, const json& fields,
   answer.requestID = *id;
   answer.summary = textAt(reply, "summary").value_or("");
   const auto [verdict, why] =
-      wait(*id, integerAt(reply, "expires_at")
+      wait(*id, JsonFields::integer(reply, "expires_at")
                     .value_or(static_cast<int64_t>(timing_.now())));
   answer.state = verdict;
   answer.why = why;
@@ -194,7 +188,7 @@ Sent SocketGate::send(
   }
   sent.requestID = *id;
   const auto [verdict, why] =
-      wait(*id, integerAt(reply, "expires_at")
+      wait(*id, JsonFields::integer(reply, "expires_at")
                     .value_or(static_cast<int64_t>(timing_.now())));
   sent.state = verdict;
   sent.why = why;
@@ -213,7 +207,7 @@ Sent SocketGate::send(
     sent.why = errorOr(performed, "the call did not go out");
     return sent;
   }
-  sent.status = integerAt(performed, "status").value_or(0);
+  sent.status = JsonFields::integer(performed, "status").value_or(0);
   sent.body = textAt(performed, "body").value_or("");
   sent.truncated = performed.value("truncated", json(false)) == json(true);
   sent.redirected = performed.value("redirected", json(false)) == json(true);
@@ -265,7 +259,7 @@ SignedIn SocketGate::signIn(const std::string& site,
   }
 
   const auto [verdict, why] =
-      wait(*id, integerAt(reply, "expires_at")
+      wait(*id, JsonFields::integer(reply, "expires_at")
                     .value_or(static_cast<int64_t>(timing_.now())));
   out.state = verdict;
   out.why = why;
@@ -303,7 +297,7 @@ SignedIn SocketGate::signIn(const std::string& site,
             if (host.is_string()) out.hosts.push_back(host.get<std::string>());
           }
         }
-        out.expiresBy = integerAt(*found, "expires_by");
+        out.expiresBy = JsonFields::integer(*found, "expires_by");
         break;
       }
     }

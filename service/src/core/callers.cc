@@ -1,20 +1,13 @@
 #include "tolvanger/service/callers.h"
 
 #include <algorithm>
-#include <chrono>
 #include <utility>
+
+#include "tolvanger/kit/clock.h"
 
 namespace tolvanger::service {
 
-namespace {
-
-int64_t systemSeconds() {
-  return std::chrono::duration_cast<std::chrono::seconds>(
-             std::chrono::system_clock::now().time_since_epoch())
-      .count();
-}
-
-}  // namespace
+namespace {}  // namespace
 
 nlohmann::json Caller::asDictionary() const {
   return {{"client", client},
@@ -25,7 +18,7 @@ nlohmann::json Caller::asDictionary() const {
 }
 
 Callers::Callers(Clock now)
-    : now_(now ? std::move(now) : Clock(systemSeconds)) {}
+    : now_(now ? std::move(now) : Clock(SystemClock::seconds)) {}
 
 void Callers::hello(std::string client, std::string agent, std::string scope) {
   const int64_t at = now_();

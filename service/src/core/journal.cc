@@ -4,9 +4,9 @@
 #include <unicode/uchar.h>
 #include <unicode/utf8.h>
 
-#include <chrono>
 #include <cstdint>
 
+#include "tolvanger/kit/clock.h"
 #include "tolvanger/kit/text.h"
 
 namespace tolvanger::service {
@@ -32,14 +32,7 @@ std::string JournalValue::text() const {
   return std::get<bool>(value_) ? "true" : "false";
 }
 
-Journal::Clock Journal::defaultClock() {
-  return [] {
-    return static_cast<int64_t>(
-        std::chrono::duration_cast<std::chrono::seconds>(
-            std::chrono::system_clock::now().time_since_epoch())
-            .count());
-  };
-}
+Journal::Clock Journal::defaultClock() { return SystemClock::seconds; }
 
 Journal::Journal(Home home, Clock now)
     : home_(std::move(home)), now_(std::move(now)) {

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "tolvanger/kit/ids.h"
+#include "tolvanger/kit/json_fields.h"
 #include "tolvanger/kit/service_error.h"
 
 namespace tolvanger::service {
@@ -16,18 +17,6 @@ namespace {
 constexpr size_t kMaxHosts = 32;
 constexpr size_t kMaxRules = 16;
 constexpr size_t kMaxUserAgent = 512;
-
-std::optional<int64_t> asInteger(const json& v) {
-  if (v.is_number_unsigned()) {
-    const uint64_t u = v.get<uint64_t>();
-    if (u > static_cast<uint64_t>(std::numeric_limits<int64_t>::max())) {
-      return std::nullopt;
-    }
-    return static_cast<int64_t>(u);
-  }
-  if (v.is_number_integer()) return v.get<int64_t>();
-  return std::nullopt;
-}
 
 std::optional<std::vector<std::string>> asTexts(const json& v) {
   if (!v.is_array()) return std::nullopt;
@@ -49,7 +38,7 @@ const json* member(const json& object, const char* key) {
 std::optional<int64_t> positive(const json& object, const char* key) {
   const json* v = member(object, key);
   if (v == nullptr) return std::nullopt;
-  auto i = asInteger(*v);
+  auto i = JsonFields::integer(*v);
   if (!i || *i <= 0) return std::nullopt;
   return i;
 }
@@ -128,7 +117,7 @@ std::optional<SecretName> SecretName::fromCoded(const json& value) {
   out.name = name->get<std::string>();
   out.kind = kind->get<std::string>();
   auto hostList = asTexts(*hosts);
-  auto updated = asInteger(*updatedAt);
+  auto updated = JsonFields::integer(*updatedAt);
   if (!hostList || !updated) return std::nullopt;
   out.hosts = std::move(*hostList);
   out.updatedAt = *updated;
@@ -143,7 +132,7 @@ std::optional<SecretName> SecretName::fromCoded(const json& value) {
                             std::pair{"expiresBy", &out.expiresBy}}) {
     const json* v = member(value, key);
     if (v == nullptr || v->is_null()) continue;
-    *field = asInteger(*v);
+    *field = JsonFields::integer(*v);
     if (!*field) return std::nullopt;
   }
   if (const json* v = member(value, "userAgent"); v && !v->is_null()) {

@@ -1,9 +1,9 @@
 #include "tolvanger/service/store.h"
 
 #include <algorithm>
-#include <chrono>
 #include <limits>
 
+#include "tolvanger/kit/clock.h"
 #include "tolvanger/kit/random.h"
 #include "tolvanger/kit/service_error.h"
 #include "tolvanger/kit/text.h"
@@ -46,11 +46,7 @@ std::string_view toText(RequestState state) {
   return "unknown";
 }
 
-int64_t Store::systemNow() {
-  return std::chrono::duration_cast<std::chrono::seconds>(
-             std::chrono::system_clock::now().time_since_epoch())
-      .count();
-}
+int64_t Store::systemNow() { return SystemClock::seconds(); }
 
 Store::Store(Home home, int64_t graceSeconds, Clock now)
     : home_(std::move(home)),

@@ -21,6 +21,7 @@
 #include <string_view>
 #include <vector>
 
+#include "tolvanger/kit/clock.h"
 #include "tolvanger/kit/mutex.h"
 #include "tolvanger/kit/thread_annotations.h"
 
@@ -45,7 +46,7 @@ class Callers {
   static constexpr size_t kMaxRows = 8;
 
   // Whole seconds since 1970. An empty clock means the system clock.
-  using Clock = std::function<int64_t()>;
+  using Clock = tolvanger::Clock;
 
   explicit Callers(Clock now = {});
 

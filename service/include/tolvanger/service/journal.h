@@ -27,6 +27,7 @@
 #include <variant>
 #include <vector>
 
+#include "tolvanger/kit/clock.h"
 #include "tolvanger/kit/mutex.h"
 #include "tolvanger/kit/thread_annotations.h"
 #include "tolvanger/service/home.h"
@@ -64,7 +65,7 @@ using JournalFields = std::map<std::string, JournalValue>;
 class Journal {
  public:
   // The current time in whole seconds since 1970.
-  using Clock = std::function<int64_t()>;
+  using Clock = tolvanger::Clock;
 
   static constexpr std::string_view fileName = "journal.log";
 

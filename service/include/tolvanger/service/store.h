@@ -24,6 +24,7 @@
 #include <string_view>
 #include <vector>
 
+#include "tolvanger/kit/clock.h"
 #include "tolvanger/kit/fields.h"
 #include "tolvanger/kit/mutex.h"
 #include "tolvanger/kit/thread_annotations.h"
@@ -72,7 +73,7 @@ struct StoredRequest {
 class Store {
  public:
   // The current time in whole seconds since 1970.
-  using Clock = std::function<int64_t()>;
+  using Clock = tolvanger::Clock;
 
   // The system clock, cut to the whole second.
   static int64_t systemNow();
