@@ -58,6 +58,7 @@
 #include "tolvanger/kit/random.h"
 #include "tolvanger/kit/sealed_road.h"
 #include "tolvanger/kit/secret_json.h"
+#include "tolvanger/kit/secure_memory.h"
 #include "tolvanger/kit/sign_in.h"
 #include "tolvanger/kit/signer.h"
 #include "tolvanger/port/files.h"
@@ -1006,7 +1007,11 @@ int fail(const std::exception& error) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  // The phone's keys and the secrets it releases: no core dumps, a locked
+  // heap for them, and a libcurl that wipes what it frees.
   tolvanger::port::disableCoreDumps();
+  tolvanger::startSecureHeap();
+  tolvanger::initialiseCurl();
   Options options;
   for (int i = 1; i < argc; ++i) options.args.emplace_back(argv[i]);
   if (!options.args.empty() && options.args[0] == "--clear") {

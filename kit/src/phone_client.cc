@@ -6,10 +6,10 @@
 
 #include <cerrno>
 #include <limits>
-#include <mutex>
 #include <utility>
 
 #include "tolvanger/kit/ids.h"
+#include "tolvanger/kit/secure_memory.h"
 
 namespace tolvanger {
 
@@ -21,13 +21,6 @@ int64_t nowSeconds() {
   return std::chrono::duration_cast<std::chrono::seconds>(
              std::chrono::system_clock::now().time_since_epoch())
       .count();
-}
-
-// libcurl's global state, set up once for the process before the first
-// exchange.
-void initialiseCurl() {
-  static std::once_flag once;
-  std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
 }
 
 struct Sink {
