@@ -324,7 +324,7 @@ json Service::status() {
       {"fingerprint_pq", Fingerprint::of(identity.pqPublicKey())},
       {"devices", std::move(deviceRows)},
       {"secrets", std::move(secretNames)},
-      {"pending", store.pending().size()},
+      {"pending", store.pendingCount()},
       {"credentials_held", credentials.count()},
       {"allowances", 0},
       {"require_sealed", config.requireSealed},
