@@ -33,7 +33,9 @@
 
 #include "tolvanger/kit/ascii.h"
 #include "tolvanger/kit/bytes.h"
+#include "tolvanger/kit/curl_memory.h"
 #include "tolvanger/kit/ids.h"
+#include "tolvanger/kit/secure_memory.h"
 #include "tolvanger/kit/sign_in.h"
 #include "tolvanger/phone/console.h"
 #include "tolvanger/phone/phone_home.h"
@@ -327,7 +329,11 @@ int secrets(const Options& options, std::vector<std::string> args) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  // The phone's keys and the secrets it releases: no core dumps, a locked
+  // heap for them, and a libcurl that wipes what it frees.
   tolvanger::port::disableCoreDumps();
+  tolvanger::startSecureHeap();
+  tolvanger::initialiseCurl();
   Options options;
   for (int i = 1; i < argc; ++i) options.args.emplace_back(argv[i]);
   if (!options.args.empty() && options.args[0] == "--clear") {

@@ -19,7 +19,9 @@
 #include <thread>
 #include <vector>
 
+#include "tolvanger/kit/curl_memory.h"
 #include "tolvanger/kit/fingerprint.h"
+#include "tolvanger/kit/secure_memory.h"
 #include "tolvanger/port/memory.h"
 #include "tolvanger/service/admin.h"
 #include "tolvanger/service/config.h"
@@ -208,6 +210,13 @@ int main(int argc, char** argv) {
   // The service holds keys and, briefly, secrets: no core dumps.
   tolvanger::port::disableCoreDumps();
   std::vector<std::string_view> args(argv + 1, argv + argc);
+  // The commands that hold keys or credentials keep them on a locked heap,
+  // and their libcurl wipes what it frees; both are set up before any
+  // thread starts. The others (status, pair, mcp) hold no secret.
+  if (!args.empty() && (args[0] == "serve" || args[0] == "init")) {
+    tolvanger::startSecureHeap();
+    tolvanger::initialiseCurl();
+  }
   if (args.empty() || args[0] == "help" || args[0] == "--help" ||
       args[0] == "-h") {
     std::fputs(kUsage, args.empty() ? stderr : stdout);

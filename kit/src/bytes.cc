@@ -3,20 +3,20 @@
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
 
-#include <cstdlib>
 #include <cstring>
 #include <new>
 #include <utility>
-
-#include "tolvanger/port/memory.h"
 
 namespace tolvanger {
 
 SecretBytes::SecretBytes(size_t size) : size_(size) {
   if (size_ == 0) return;
-  data_ = static_cast<uint8_t*>(std::calloc(size_, 1));
+  // The secure heap when there is one with room, plain memory otherwise;
+  // CRYPTO_secure_clear_free tells the two apart and wipes either. Without a
+  // file and line a full arena leaves nothing on OpenSSL's error queue.
+  data_ = static_cast<uint8_t*>(CRYPTO_secure_zalloc(size_, nullptr, 0));
+  if (data_ == nullptr) data_ = static_cast<uint8_t*>(OPENSSL_zalloc(size_));
   if (data_ == nullptr) throw std::bad_alloc();
-  locked_ = port::lockMemory(data_, size_);
 }
 
 SecretBytes::SecretBytes(ByteView data) : SecretBytes(data.size()) {
@@ -27,27 +27,22 @@ SecretBytes::~SecretBytes() { wipe(); }
 
 SecretBytes::SecretBytes(SecretBytes&& other) noexcept
     : data_(std::exchange(other.data_, nullptr)),
-      size_(std::exchange(other.size_, 0)),
-      locked_(std::exchange(other.locked_, false)) {}
+      size_(std::exchange(other.size_, 0)) {}
 
 SecretBytes& SecretBytes::operator=(SecretBytes&& other) noexcept {
   if (this != &other) {
     wipe();
     data_ = std::exchange(other.data_, nullptr);
     size_ = std::exchange(other.size_, 0);
-    locked_ = std::exchange(other.locked_, false);
   }
   return *this;
 }
 
 void SecretBytes::wipe() {
   if (data_ == nullptr) return;
-  OPENSSL_cleanse(data_, size_);
-  if (locked_) port::unlockMemory(data_, size_);
-  std::free(data_);
+  OPENSSL_secure_clear_free(data_, size_);
   data_ = nullptr;
   size_ = 0;
-  locked_ = false;
 }
 
 void wipe(void* data, size_t size) {

@@ -6,10 +6,10 @@
 
 #include <cerrno>
 #include <limits>
-#include <mutex>
 #include <utility>
 
 #include "tolvanger/kit/clock.h"
+#include "tolvanger/kit/curl_memory.h"
 #include "tolvanger/kit/ids.h"
 
 namespace tolvanger::phone {
@@ -17,13 +17,6 @@ namespace tolvanger::phone {
 using nlohmann::json;
 
 namespace {
-
-// libcurl's global state, set up once for the process before the first
-// exchange.
-void initialiseCurl() {
-  static std::once_flag once;
-  std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
-}
 
 struct Sink {
   std::string* body;

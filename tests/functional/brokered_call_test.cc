@@ -2,17 +2,24 @@
 // holding a secret pinned to a local HTTPS server with a CA of its own, an
 // agent on the real socket, and a real MCP client (the official TypeScript
 // SDK) driving `tolvanger-service mcp`.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "harness.h"
 #include "https_upstream.h"
+#include "tolvanger/kit/bytes.h"
 
 namespace tolvanger::testing {
 namespace {
@@ -22,6 +29,75 @@ namespace fs = std::filesystem;
 
 // The credential's value. It must reach the upstream and nothing else.
 const std::string kValue = "tv-e2e-5f1d0c9a7b3e4d21";
+
+// The forms a value can take in memory: as it is, in hexadecimal either
+// case, and in Base64 at each of the three alignments it can have inside a
+// longer encoded text (the groups that hold only its own bytes).
+std::vector<std::string> formsOf(const std::string& value) {
+  std::vector<std::string> forms = {value, toHex(asBytes(value))};
+  std::string upper = forms.back();
+  for (char& c : upper) c = static_cast<char>(std::toupper(c));
+  forms.push_back(upper);
+  for (size_t shift = 0; shift < 3; ++shift) {
+    const std::string part =
+        value.substr(shift, (value.size() - shift) / 3 * 3);
+    forms.push_back(toBase64(asBytes(part)));
+  }
+  return forms;
+}
+
+// Every readable mapping of process `pid`, read through /proc/<pid>/mem, is
+// searched for each of `needles`; one line for each find, naming the form
+// and the mapping. Nothing is read when the memory cannot be opened, and
+// `opened` says so.
+constexpr unsigned long kLargestMapping = 4ul << 30;
+constexpr size_t kChunk = 16u << 20;
+constexpr size_t kOverlap = 256;
+
+std::vector<std::string> findInMemory(pid_t pid,
+                                      const std::vector<std::string>& needles,
+                                      bool* opened) {
+  const std::string proc = "/proc/" + std::to_string(pid);
+  const int mem = ::open((proc + "/mem").c_str(), O_RDONLY | O_CLOEXEC);
+  *opened = mem >= 0;
+  std::vector<std::string> found;
+  if (mem < 0) return found;
+  std::istringstream maps(readFile(proc + "/maps"));
+  for (std::string line; std::getline(maps, line);) {
+    unsigned long begin = 0, end = 0;
+    char perms[8] = {};
+    if (std::sscanf(line.c_str(), "%lx-%lx %7s", &begin, &end, perms) != 3 ||
+        perms[0] != 'r' || line.find("[vvar") != std::string::npos) {
+      continue;
+    }
+    // A sanitizer's shadow memory is a readable reservation of terabytes
+    // that holds no data of the process; no heap of a test is near this.
+    if (end - begin > kLargestMapping) continue;
+    // In chunks that overlap by the longest needle, so nothing straddling a
+    // chunk's edge is missed.
+    std::vector<bool> seen(needles.size(), false);
+    std::string bytes;
+    for (unsigned long at = begin; at < end;) {
+      const size_t want = std::min<unsigned long>(kChunk, end - at);
+      const size_t kept = bytes.size() < kOverlap ? bytes.size() : kOverlap;
+      bytes.erase(0, bytes.size() - kept);
+      bytes.resize(kept + want);
+      const ssize_t n =
+          ::pread(mem, bytes.data() + kept, want, static_cast<off_t>(at));
+      if (n <= 0) break;
+      bytes.resize(kept + static_cast<size_t>(n));
+      at += static_cast<unsigned long>(n);
+      for (size_t i = 0; i < needles.size(); ++i) {
+        if (!seen[i] && bytes.find(needles[i]) != std::string::npos) {
+          seen[i] = true;
+          found.push_back("form " + std::to_string(i) + " in " + line);
+        }
+      }
+    }
+  }
+  ::close(mem);
+  return found;
+}
 
 class BrokeredCall : public ::testing::Test {
  protected:
@@ -63,13 +139,15 @@ class BrokeredCall : public ::testing::Test {
   }
 
   // Files an agent's brokered request and has the phone approve it.
-  std::string approvedRequest(SocketClient& agent, const std::string& path) {
+  std::string approvedRequest(SocketClient& agent, const std::string& path,
+                              const std::string& method = "GET",
+                              const std::string& body = "") {
+    json request = {{"secret", "upstream"},
+                    {"method", method},
+                    {"url", "https://" + upstream_.netloc() + path}};
+    if (!body.empty()) request["body"] = body;
     const json opened =
-        agent.call({{"op", "proxy.request"},
-                    {"request",
-                     {{"secret", "upstream"},
-                      {"method", "GET"},
-                      {"url", "https://" + upstream_.netloc() + path}}}});
+        agent.call({{"op", "proxy.request"}, {"request", request}});
     EXPECT_EQ(opened["ok"], true) << opened;
     const std::string id = opened.value("request_id", "");
     approveWithValue(id);
@@ -290,6 +368,33 @@ TEST_F(BrokeredCall,
   EXPECT_EQ(received[0].headers.count("authorization"), 0u);
   ASSERT_EQ(service_->stop(), 0);
   expectValueInNoFile();
+}
+
+TEST_F(BrokeredCall, NoCopyOfTheCredentialOutlivesItsCallsInTheServiceMemory) {
+  SocketClient agent(service_->socketPath());
+  agent.call({{"op", "hello"}, {"client", "claude"}});
+  const std::string get = approvedRequest(agent, "/v1/items");
+  EXPECT_EQ(agent.call({{"op", "proxy.perform"}, {"id", get}})["status"], 200);
+  const std::string post =
+      approvedRequest(agent, "/v1/items", "POST", "{\"name\":\"kettle\"}");
+  EXPECT_EQ(agent.call({{"op", "proxy.perform"}, {"id", post}})["status"], 200);
+  const auto received = upstream_.received();
+  ASSERT_EQ(received.size(), 2u);
+  EXPECT_EQ(received[1].headers.at("authorization"), "Bearer " + kValue);
+
+  // Both calls are over and answered: no form of the value is left anywhere
+  // in the service's memory, live or freed.
+  bool opened = false;
+  const std::vector<std::string> found =
+      findInMemory(service_->pid(), formsOf(kValue), &opened);
+  ASSERT_TRUE(opened) << "/proc/" << service_->pid()
+                      << "/mem could not be opened; the service makes "
+                         "itself undumpable, so reading it takes "
+                         "CAP_SYS_PTRACE";
+  std::string where;
+  for (const std::string& line : found) where += line + "\n";
+  EXPECT_TRUE(found.empty()) << where;
+  ASSERT_EQ(service_->stop(), 0);
 }
 
 }  // namespace

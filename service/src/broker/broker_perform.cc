@@ -8,7 +8,6 @@
 #include <cstring>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <new>
 #include <optional>
 #include <set>
@@ -20,6 +19,7 @@
 #include "tolvanger/kit/ascii.h"
 #include "tolvanger/kit/bytes.h"
 #include "tolvanger/kit/canonical.h"
+#include "tolvanger/kit/curl_memory.h"
 #include "tolvanger/kit/service_error.h"
 #include "tolvanger/kit/text.h"
 #include "tolvanger/service/broker.h"
@@ -50,12 +50,6 @@ std::string_view trimmed(std::string_view s) {
     s.remove_suffix(1);
   }
   return s;
-}
-
-// libcurl's global state, set up once for the process.
-void initCurl() {
-  static std::once_flag once;
-  std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
 }
 
 // Compares a rebuilt field with the value the signed text holds under its
@@ -273,7 +267,9 @@ json Broker::send(const Wire& wire, const std::vector<OutgoingHeader>& headers,
   const std::optional<std::string> url = wire.url();
   if (!url) throw ServiceError::refused("that request has no usable url");
 
-  initCurl();
+  // libcurl with an allocator that wipes what it frees: its copies of the
+  // request line and headers carry the credential.
+  initialiseCurl();
   // A fresh handle for each call: no connection, cookie or cache of one call
   // can reach the next. It is cleaned up on every path out.
   std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> handle(curl_easy_init(),

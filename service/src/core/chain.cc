@@ -1,5 +1,7 @@
 #include "tolvanger/service/chain.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <charconv>
 #include <cmath>
@@ -164,16 +166,47 @@ std::vector<ChainRow> Chain::rows() const {
   return out;
 }
 
+std::optional<Chain::FileState> Chain::fileState() const {
+  struct stat st;
+  if (::stat(home_.file(kFile).c_str(), &st) != 0) return std::nullopt;
+  return FileState{static_cast<uint64_t>(st.st_ino),
+                   static_cast<int64_t>(st.st_size),
+                   static_cast<int64_t>(st.st_mtim.tv_sec) * 1'000'000'000 +
+                       st.st_mtim.tv_nsec};
+}
+
 nlohmann::json Chain::report() const {
+  const int64_t now = nowMS_() / 1000;
+  // Taken before the file is read: a change made while reading shows as a
+  // different state next time, and the report is made again.
+  const std::optional<FileState> file = fileState();
+  {
+    MutexLock lock(reportMu_);
+    if (kept_ && kept_->file == file && kept_->madeAt <= now &&
+        now < kept_->staleAt) {
+      return kept_->report;
+    }
+  }
   const std::vector<ChainRow> all = rows();
-  const int64_t since = nowMS_() / 1000 - kDaySeconds;
+  const int64_t since = now - kDaySeconds;
   const std::vector<ChainRow> last50(
       all.end() - static_cast<ptrdiff_t>(std::min(all.size(), kLastRows)),
       all.end());
   std::vector<ChainRow> day;
   std::copy_if(all.begin(), all.end(), std::back_inserter(day),
                [&](const ChainRow& r) { return r.at >= since; });
-  return {{"last50", byRoad(last50)}, {"last24h", byRoad(day)}};
+  // The oldest row of the day is the first to leave it.
+  int64_t staleAt = std::numeric_limits<int64_t>::max();
+  for (const ChainRow& r : day) {
+    if (r.at <= std::numeric_limits<int64_t>::max() - kDaySeconds - 1) {
+      staleAt = std::min(staleAt, r.at + kDaySeconds + 1);
+    }
+  }
+  nlohmann::json report = {{"last50", byRoad(last50)},
+                           {"last24h", byRoad(day)}};
+  MutexLock lock(reportMu_);
+  kept_ = Kept{file, now, staleAt, report};
+  return report;
 }
 
 int64_t Chain::percentile(const std::vector<int64_t>& sorted, double p) {

@@ -228,6 +228,13 @@ TEST_F(ChainTest, ReportsTheLast50AndTheLastDayByRoad) {
                                                      {"machinery_p95", 15}}));
   EXPECT_EQ(report["last24h"]["all"]["count"], 1);
   EXPECT_FALSE(report["last24h"].contains("cloud"));
+
+  // The report is kept, yet follows both an answer and the day's edge: the
+  // lan row leaves the last day one second later.
+  nowMS_ += 1000;
+  EXPECT_FALSE(chain.report()["last24h"].contains("all"));
+  answer(chain, "r-new", 700);
+  EXPECT_EQ(chain.report()["last24h"]["all"]["p50"], 700);
 }
 
 }  // namespace

@@ -330,7 +330,7 @@ json Service::status() {
       {"fingerprint_pq", Fingerprint::of(identity_.pqPublicKey())},
       {"devices", std::move(deviceRows)},
       {"secrets", std::move(secretNames)},
-      {"pending", store_.pending().size()},
+      {"pending", store_.pendingCount()},
       {"credentials_held", credentials_.count()},
       {"allowances", 0},
       {"require_sealed", config.requireSealed},

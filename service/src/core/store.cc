@@ -78,6 +78,11 @@ void Store::put(StoredRequest request) {
   MutexLock lock(mu_);
   std::string id = request.id;
   const int64_t due = dueLocked(request);
+  if (const auto it = requests_.find(id);
+      it != requests_.end() && it->second.state == RequestState::kPending) {
+    --pending_;
+  }
+  if (request.state == RequestState::kPending) ++pending_;
   requests_.insert_or_assign(std::move(id), std::move(request));
   nextSweep_ = std::min(nextSweep_, due);
   sweepLocked(now_());
@@ -105,6 +110,12 @@ std::vector<StoredRequest> Store::pending() {
   return out;
 }
 
+size_t Store::pendingCount() {
+  MutexLock lock(mu_);
+  sweepLocked(now_());
+  return pending_;
+}
+
 StoredRequest Store::decide(std::string_view id, RequestState state,
                             std::optional<std::string> deviceID) {
   MutexLock lock(mu_);
@@ -118,7 +129,7 @@ StoredRequest Store::decide(std::string_view id, RequestState state,
                                 std::string(toText(request.state)));
   }
   if (request.hasExpired(now) && state != RequestState::kExpired) {
-    request.state = RequestState::kExpired;
+    moveLocked(request, RequestState::kExpired);
     request.decidedAt = now;
     expireLocked(request.id);
     nextSweep_ = std::min(nextSweep_, dueLocked(request));
@@ -131,7 +142,7 @@ StoredRequest Store::decide(std::string_view id, RequestState state,
         "this Mac could not write the decision down, so it was not taken; "
         "the request is still open");
   }
-  request.state = state;
+  moveLocked(request, state);
   if (deviceID) request.deviceID = std::move(deviceID);
   request.decidedAt = now;
   nextSweep_ = std::min(nextSweep_, dueLocked(request));
@@ -152,10 +163,10 @@ StoredRequest Store::take(std::string_view id) {
                                 std::string(toText(request.state)));
   }
   if (plus(request.expiresAt, graceSeconds_) <= now) {
-    request.state = RequestState::kExpired;
+    moveLocked(request, RequestState::kExpired);
     throw ServiceError::refused("that approval went stale");
   }
-  request.state = RequestState::kTaken;
+  moveLocked(request, RequestState::kTaken);
   return request;
 }
 
@@ -174,6 +185,12 @@ int64_t Store::dueLocked(const StoredRequest& request) const {
              : std::numeric_limits<int64_t>::max();
 }
 
+void Store::moveLocked(StoredRequest& request, RequestState state) {
+  if (request.state == RequestState::kPending) --pending_;
+  if (state == RequestState::kPending) ++pending_;
+  request.state = state;
+}
+
 void Store::sweepLocked(int64_t now) {
   // Nothing falls due before `nextSweep_`, so most operations skip the walk.
   if (now < nextSweep_) return;
@@ -184,13 +201,14 @@ void Store::sweepLocked(int64_t now) {
     // that expires now lingers like any other decided request.
     const std::optional<int64_t> decidedBefore = request.decidedAt;
     if (request.state == RequestState::kPending && request.hasExpired(now)) {
-      request.state = RequestState::kExpired;
+      moveLocked(request, RequestState::kExpired);
       request.decidedAt = now;
       decided_.insert(request.id);
       unwritten_.push_back(request.id);
     }
     if (decidedBefore &&
         plus(plus(*decidedBefore, graceSeconds_), kLingerSeconds) < now) {
+      if (request.state == RequestState::kPending) --pending_;
       it = requests_.erase(it);
     } else {
       next = std::min(next, dueLocked(request));

@@ -66,9 +66,11 @@ TEST_F(StoreTest, StateMachineAndItsSentences) {
   store->put(a);
   store->put(request("rb", 990));
   store->put(request("rc", 995));
+  store->put(request("rc", 995));  // filed again, replaced: still one
 
   auto pending = store->pending();
   ASSERT_EQ(pending.size(), 3u);
+  EXPECT_EQ(store->pendingCount(), 3u);
   EXPECT_EQ(pending[0].id, "rb");
   EXPECT_EQ(pending[1].id, "rc");
   EXPECT_EQ(pending[2].id, "ra");
@@ -97,6 +99,7 @@ TEST_F(StoreTest, StateMachineAndItsSentences) {
   EXPECT_EQ(refusal([&] { store->decide("rc", RequestState::kApproved); }),
             "that request was already cancelled");
   EXPECT_TRUE(store->pending().empty());
+  EXPECT_EQ(store->pendingCount(), 0u);
 }
 
 TEST_F(StoreTest, DeadlinesExpireAndForget) {
@@ -138,8 +141,10 @@ TEST_F(StoreTest, DeadlinesExpireAndForget) {
             "that request was already expired");
   EXPECT_EQ(store->get("rd")->state, RequestState::kExpired);
   EXPECT_EQ(store->get("rc")->state, RequestState::kPending);
+  EXPECT_EQ(store->pendingCount(), 1u);
   now_ += kGrace + 3601;
   EXPECT_FALSE(store->get("re").has_value());
+  EXPECT_EQ(store->pendingCount(), 0u);  // rc expired on the way
 }
 
 TEST_F(StoreTest, DecidedLogSurvivesAReopen) {

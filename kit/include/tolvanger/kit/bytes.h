@@ -2,10 +2,11 @@
 //
 // `Bytes` is an ordinary owned byte string for public material (keys' public
 // halves, signatures, ciphertexts). `SecretBytes` owns secret material: it is
-// move-only, its storage is allocated once, locked in memory where the platform
-// allows, and wiped with OPENSSL_cleanse when it dies. Its contents are
-// reachable only through `reveal()`, so every read of a secret is visible in
-// the code.
+// move-only, its storage is allocated once, on OpenSSL's secure heap when the
+// process started one (locked, guarded, out of core dumps; see
+// secure_memory.h for what happens without it), and wiped with
+// OPENSSL_cleanse when it dies. Its contents are reachable only through
+// `reveal()`, so every read of a secret is visible in the code.
 //
 // Thread safety: values; no shared state.
 #ifndef TOLVANGER_KIT_BYTES_H_
@@ -60,7 +61,6 @@ class SecretBytes {
  private:
   uint8_t* data_ = nullptr;
   size_t size_ = 0;
-  bool locked_ = false;
 };
 
 // Wipes a buffer that held a secret (OPENSSL_cleanse, which the compiler may

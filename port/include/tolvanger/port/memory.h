@@ -1,5 +1,9 @@
-// Process memory protections: locking pages that hold secrets and keeping
-// them out of core dumps.
+// Process memory protections: keeping secrets out of core dumps, and what
+// the platform's allocator can say about a block it handed out.
+//
+// Pages that hold secrets are locked by OpenSSL's secure heap (see
+// tolvanger/kit/secure_memory.h), which locks one arena as a whole; nothing
+// here locks or unlocks single allocations.
 //
 // Thread safety: every function may be called from any thread.
 #ifndef TOLVANGER_PORT_MEMORY_H_
@@ -9,15 +13,13 @@
 
 namespace tolvanger::port {
 
-// Locks the pages under [data, data + size) into memory and asks the kernel to
-// leave them out of core dumps. Best effort: returns false where the platform
-// or its limits refuse, and the caller goes on with unlocked memory.
-bool lockMemory(void* data, size_t size);
-void unlockMemory(void* data, size_t size);
-
 // Turns core dumps off for this process (and keeps it from being traced by
 // another account's debugger). Returns false if the platform refused.
 bool disableCoreDumps();
+
+// How many bytes the block at `block`, returned by malloc, calloc or realloc
+// and not yet freed, really spans: at least what was asked for. 0 for null.
+size_t allocationSize(void* block);
 
 }  // namespace tolvanger::port
 

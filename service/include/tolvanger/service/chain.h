@@ -8,9 +8,14 @@
 // that cannot be written is lost without a word; the chain is never on the
 // path of a decision.
 //
+// `report` goes into every agent's hello, so it is kept: it is worked out
+// again only when `chain.log` changed (another size, time or file) or when a
+// row of the last day has grown older than a day.
+//
 // Thread safety: every member may be called from any thread. One lock guards
 // the raised times and is also held while a row is appended, so rows never
-// interleave; no other lock is taken under it.
+// interleave; no other lock is taken under it. A second lock guards the kept
+// report and is never held while the file is read.
 #ifndef TOLVANGER_SERVICE_CHAIN_H_
 #define TOLVANGER_SERVICE_CHAIN_H_
 
@@ -93,7 +98,7 @@ class Chain {
   // {"last50": {...}, "last24h": {...}}, each holding "all", "lan" and
   // "cloud" summaries of the last 50 rows and of the rows answered in the
   // last 86400 seconds; a key whose rows are none is left out.
-  nlohmann::json report() const;
+  nlohmann::json report() const EXCLUDES(reportMu_);
 
   // The value at index ceil(p * n) - 1 (never below 0) of an ascending list;
   // 0 for an empty list.
@@ -109,6 +114,26 @@ class Chain {
   Mutex mu_;
   std::unordered_map<std::string, int64_t> raisedAt_ GUARDED_BY(mu_);
   std::deque<std::string> order_ GUARDED_BY(mu_);
+
+  // What identifies one state of `chain.log`: nothing when there is none.
+  struct FileState {
+    uint64_t inode = 0;
+    int64_t size = 0;
+    int64_t modifiedNS = 0;
+    bool operator==(const FileState&) const = default;
+  };
+  std::optional<FileState> fileState() const;
+
+  // The last report, the file state it was read from, the second it was
+  // made and the first second at which a row leaves its last day.
+  struct Kept {
+    std::optional<FileState> file;
+    int64_t madeAt = 0;
+    int64_t staleAt = 0;
+    nlohmann::json report;
+  };
+  mutable Mutex reportMu_;
+  mutable std::optional<Kept> kept_ GUARDED_BY(reportMu_);
 };
 
 }  // namespace tolvanger::service

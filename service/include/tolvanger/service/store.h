@@ -100,6 +100,11 @@ class Store {
   // Copies of all pending requests, oldest `issuedAt` first.
   std::vector<StoredRequest> pending() EXCLUDES(mu_);
 
+  // How many requests are pending, without copying them: a count kept as
+  // requests come and go, so it costs the same however many settled
+  // requests are still in memory.
+  size_t pendingCount() EXCLUDES(mu_);
+
   // Moves a pending request to `state`, records its id as decided, and
   // returns a copy. `deviceID`, when given, replaces the one on record.
   // Throws ServiceError::refused: "no such request", "that request was
@@ -124,6 +129,9 @@ class Store {
   bool wasDecided(std::string_view id) EXCLUDES(mu_);
 
  private:
+  // Every change of a stored request's state goes through here, so that the
+  // pending count follows it.
+  void moveLocked(StoredRequest& request, RequestState state) REQUIRES(mu_);
   void sweepLocked(int64_t now) REQUIRES(mu_);
   // The first second at which a sweep would change `request`: its deadline
   // while pending, the end of its stay once decided.
@@ -151,6 +159,8 @@ class Store {
   std::vector<std::string> unwritten_ GUARDED_BY(mu_);
   // No request falls due before this second; a sweep before it is skipped.
   int64_t nextSweep_ GUARDED_BY(mu_) = 0;
+  // How many of `requests_` are pending.
+  size_t pending_ GUARDED_BY(mu_) = 0;
 };
 
 }  // namespace tolvanger::service
