@@ -22,7 +22,6 @@
 #include <cerrno>
 #include <charconv>
 #include <fstream>
-#include "tolvanger/kit/mutex.h"
 #include <optional>
 #include <set>
 #include <stdexcept>
@@ -31,6 +30,7 @@
 #include <thread>
 
 #include "tolvanger/kit/crypto/digest.h"
+#include "tolvanger/kit/mutex.h"
 
 namespace tolvanger::testing {
 
