@@ -136,13 +136,15 @@ json AccessRule::asDictionary() const {
   return json{{"hosts", hosts}, {"methods", methods}, {"paths", paths}};
 }
 
+json AccessRule::asList(const std::vector<AccessRule>& rules) {
+  json list = json::array();
+  for (const AccessRule& rule : rules) list.push_back(rule.asDictionary());
+  return list;
+}
+
 json SecretAnnouncement::asDictionary() const {
   json out = {{"name", name}, {"kind", kind}, {"hosts", hosts}};
-  if (!rules.empty()) {
-    json list = json::array();
-    for (const AccessRule& rule : rules) list.push_back(rule.asDictionary());
-    out["rules"] = std::move(list);
-  }
+  if (!rules.empty()) out["rules"] = AccessRule::asList(rules);
   if (signedInAt) out["signed_in_at"] = *signedInAt;
   if (expiresBy) out["expires_by"] = *expiresBy;
   if (userAgent) out["user_agent"] = *userAgent;

@@ -18,7 +18,7 @@ Runtime::Runtime(Home home, std::optional<Config> config,
       routes_->handler(), addresses_,
       static_cast<int>(service_->config.listenPort));
   service_->setListenAddresses(addresses_);
-  socketPath_ = service_->home.file("tolvanger.sock");
+  socketPath_ = service_->home.socketPath();
   agents_ = std::make_unique<AgentSocket>(*service_, *broker_, socketPath_);
 }
 

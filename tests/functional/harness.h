@@ -29,6 +29,7 @@
 
 #include "tolvanger/kit/mutex.h"
 #include "tolvanger/kit/thread_annotations.h"
+#include "tolvanger/service/home.h"
 
 namespace tolvanger::testing {
 
@@ -85,7 +86,7 @@ class ServiceProcess {
   // process group; returns the exit status (128 + 9 when it had to be
   // killed), or -1 when it was not running.
   int stop();
-  std::string socketPath() const { return home_ + "/tolvanger.sock"; }
+  std::string socketPath() const { return service::Home(home_).socketPath(); }
   pid_t pid() const { return pid_; }
 
  private:

@@ -102,7 +102,7 @@ TEST(ServiceProcess, ServeWritesStartedAndStoppedAndRemovesTheSocket) {
     EXPECT_EQ(modeOf(service.socketPath()), 0140600 & 0777);
     EXPECT_EQ(service.stop(), 0);
   }
-  EXPECT_FALSE(std::filesystem::exists(home + "/tolvanger.sock"));
+  EXPECT_FALSE(std::filesystem::exists(service::Home(home).socketPath()));
   EXPECT_TRUE(journalHas(
       home,
       R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d started listen=127\.0\.0\.1 port=)" +
@@ -115,7 +115,7 @@ TEST(ServiceProcess, AStaleSocketFileDoesNotBlockTheStart) {
   const std::string home = dir.file("home");
   ASSERT_EQ(runService(home, {"init", "--quiet"}), 0);
   useFreePort(home);
-  { std::ofstream(home + "/tolvanger.sock") << "stale"; }
+  { std::ofstream(service::Home(home).socketPath()) << "stale"; }
   ServiceProcess service(home);
   EXPECT_TRUE(service.waitForSocket());
 }

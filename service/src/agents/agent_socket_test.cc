@@ -88,10 +88,10 @@ struct Rig {
   explicit Rig(AgentLimits limits)
       : service(Home(home.path), Config::defaults()),
         broker(service, UpstreamSettings{}),
-        socket(service, broker, home.path + "/tolvanger.sock", limits) {
+        socket(service, broker, home.home().socketPath(), limits) {
     socket.start();
   }
-  std::string path() const { return home.path + "/tolvanger.sock"; }
+  std::string path() const { return home.home().socketPath(); }
 
   TempHome home;
   Service service;

@@ -15,7 +15,7 @@ namespace tolvanger::service {
 using nlohmann::json;
 
 Admin::Admin(const Home& home)
-    : Admin(home.file("tolvanger.sock"), std::nullopt, "admin") {}
+    : Admin(home.socketPath(), std::nullopt, "admin") {}
 
 Admin::Admin(const std::string& path, std::optional<std::string> client,
              const std::string& role)

@@ -75,7 +75,7 @@ SocketGate::Timing SocketGate::Timing::system() {
 }
 
 SocketGate::SocketGate(const Home& home, std::string client, Timing timing)
-    : path_(home.file("tolvanger.sock")),
+    : path_(home.socketPath()),
       client_(std::move(client)),
       timing_(std::move(timing)) {}
 

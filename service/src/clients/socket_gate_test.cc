@@ -215,7 +215,7 @@ TEST_F(SocketGateTest, AServiceThatGoesAwayEndsTheWait) {
   filed();
   runtime->stop();
   const std::string unreachable =
-      "tolvanger is not reachable at " + home.path + "/tolvanger.sock: ";
+      "tolvanger is not reachable at " + home.home().socketPath() + ": ";
   GateAnswer answer = asked.get();
   EXPECT_EQ(answer.state, Verdict::kFailed);
   EXPECT_EQ(answer.why.rfind(unreachable, 0), 0u) << answer.why;

@@ -9,6 +9,8 @@
 #include <regex>
 #include <string>
 
+#include "testing/temp_home.h"
+
 namespace tolvanger::service {
 namespace {
 
@@ -17,12 +19,6 @@ using nlohmann::json;
 
 class ConfigTest : public ::testing::Test {
  protected:
-  ConfigTest() {
-    std::string pattern = (fs::temp_directory_path() / "config-test-XXXXXX");
-    home_ = Home(mkdtemp(pattern.data()));
-  }
-  ~ConfigTest() override { fs::remove_all(home_.path()); }
-
   Config loadText(const std::string& text) {
     home_.writeAtomically(text, "config.json");
     return Config::load(home_);
@@ -41,7 +37,8 @@ class ConfigTest : public ::testing::Test {
     })");
   }
 
-  Home home_{""};
+  TempHome dir_;
+  Home home_ = dir_.home();
 };
 
 TEST_F(ConfigTest, DefaultsAndMissingFiles) {

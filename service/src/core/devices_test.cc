@@ -7,6 +7,8 @@
 #include <filesystem>
 #include <set>
 
+#include "testing/temp_home.h"
+
 namespace tolvanger::service {
 namespace {
 
@@ -14,14 +16,7 @@ using nlohmann::json;
 
 class DevicesTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    char dir[] = "/tmp/tolvanger-devices-XXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    path_ = dir;
-  }
-  void TearDown() override { std::filesystem::remove_all(path_); }
-
-  Home home() const { return Home(path_); }
+  Home home() const { return dir_.home(); }
   void writeFile(const std::string& text) const {
     home().writeAtomically(text, Devices::kFile);
   }
@@ -35,7 +30,7 @@ class DevicesTest : public ::testing::Test {
                   .recovery = {"s:h"}};
   }
 
-  std::string path_;
+  TempHome dir_;
 };
 
 TEST_F(DevicesTest, FileRoundTripWithAndWithoutOptionals) {

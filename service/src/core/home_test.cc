@@ -9,24 +9,12 @@
 #include <system_error>
 
 #include "testing/full_disk.h"
+#include "testing/temp_home.h"
 
 namespace tolvanger::service {
 namespace {
 
 namespace fs = std::filesystem;
-
-class TempDir {
- public:
-  TempDir() {
-    std::string pattern = (fs::temp_directory_path() / "home-test-XXXXXX");
-    path_ = mkdtemp(pattern.data());
-  }
-  ~TempDir() { fs::remove_all(path_); }
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
-};
 
 mode_t modeOf(const std::string& path) {
   struct stat st;
@@ -59,12 +47,12 @@ TEST(HomeTest, StandardHonoursTheEnvironmentUnlessEmpty) {
 }
 
 TEST(HomeTest, EnsureMakesParentsAndForcesMode0700) {
-  TempDir dir;
-  Home nested(dir.path() + "/a/b/home");
+  TempHome dir;
+  Home nested(dir.path + "/a/b/home");
   nested.ensure();
   EXPECT_EQ(modeOf(nested.path()), 0700u);
 
-  Home existing(dir.path() + "/open");
+  Home existing(dir.path + "/open");
   ASSERT_EQ(mkdir(existing.path().c_str(), 0755), 0);
   existing.ensure();
   EXPECT_EQ(modeOf(existing.path()), 0700u);
@@ -81,8 +69,8 @@ TEST(HomeTest, EnsureMakesParentsAndForcesMode0700) {
 }
 
 TEST(HomeTest, WriteAtomicallyReplacesWholeWithMode0600) {
-  TempDir dir;
-  Home home(dir.path());
+  TempHome dir;
+  Home home(dir.path);
   // A leftover scratch file and an existing target, both too open.
   ASSERT_TRUE(home.appendLine("devices.json.tmp", "stale stale stale"));
   chmod(home.file("devices.json.tmp").c_str(), 0644);
@@ -113,8 +101,8 @@ TEST(HomeTest, WriteAtomicallyReplacesWholeWithMode0600) {
 }
 
 TEST(HomeTest, AnAppendIsWholeOrAbsentAndMendsATornEnd) {
-  TempDir dir;
-  Home home(dir.path());
+  TempHome dir;
+  Home home(dir.path);
   ASSERT_TRUE(home.appendLine("log", "first"));
   {
     FullDisk disk(4);  // room for a part of the next line only
@@ -137,15 +125,15 @@ TEST(HomeTest, AnAppendIsWholeOrAbsentAndMendsATornEnd) {
 }
 
 TEST(HomeTest, FailedWritesThrowAndLeaveNoScratch) {
-  TempDir dir;
-  Home home(dir.path());
+  TempHome dir;
+  Home home(dir.path);
   // The rename cannot put a file over a non-empty directory.
   fs::create_directories(home.file("target/inner"));
   EXPECT_THROW(home.writeAtomically("x", "target"), std::system_error);
   EXPECT_TRUE(fs::is_directory(home.file("target")));
   EXPECT_FALSE(fs::exists(home.file("target.tmp")));
 
-  Home missing(dir.path() + "/absent");
+  Home missing(dir.path + "/absent");
   EXPECT_THROW(missing.writeAtomically("x", "f"), std::system_error);
   EXPECT_FALSE(missing.appendLine("f", "x"));
   EXPECT_EQ(missing.read("f"), std::nullopt);

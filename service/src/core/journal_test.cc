@@ -14,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "testing/temp_home.h"
 #include "tolvanger/kit/text.h"
 #include "tolvanger/service/events.h"
 
@@ -28,8 +29,6 @@ constexpr int64_t kMoment = 1788000292;
 class JournalTest : public ::testing::Test {
  protected:
   JournalTest() {
-    std::string pattern = (fs::temp_directory_path() / "journal-test-XXXXXX");
-    home_ = Home(mkdtemp(pattern.data()));
     if (const char* tz = getenv("TZ")) oldTZ_ = tz;
     // Three hours east of UTC, in POSIX notation.
     setenv("TZ", "XYZ-3", 1);
@@ -37,10 +36,10 @@ class JournalTest : public ::testing::Test {
   ~JournalTest() override {
     oldTZ_ ? setenv("TZ", oldTZ_->c_str(), 1) : unsetenv("TZ");
     tzset();
-    fs::remove_all(home_.path());
   }
 
-  Home home_{""};
+  TempHome dir_;
+  Home home_ = dir_.home();
   std::optional<std::string> oldTZ_;
 };
 

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <set>
 
+#include "testing/temp_home.h"
 #include "tolvanger/kit/crypto/mldsa65.h"
 #include "tolvanger/kit/crypto/p256.h"
 #include "tolvanger/kit/crypto/xwing.h"
@@ -57,15 +58,6 @@ struct Phone {
            macPQ->verify(asBytes(text),
                          *fromBase64(answer["proof_pq"].get<std::string>()));
   }
-};
-
-struct TempHome {
-  TempHome() {
-    char dir[] = "/tmp/tolvanger-pairing-XXXXXX";
-    if (mkdtemp(dir) != nullptr) path = dir;
-  }
-  ~TempHome() { std::filesystem::remove_all(path); }
-  std::string path;
 };
 
 Config testConfig(int64_t maxPhones = 1) {

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <string>
 
+#include "testing/temp_home.h"
 #include "tolvanger/kit/ids.h"
 #include "tolvanger/kit/service_error.h"
 #include "tolvanger/service/callers.h"
@@ -98,14 +99,7 @@ TEST(Nudges, RefusesUnknownKindsAndExpires) {
 
 class ChainTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    std::string dir = ::testing::TempDir() + "chainXXXXXX";
-    ASSERT_NE(mkdtemp(dir.data()), nullptr);
-    dir_ = dir;
-  }
-  void TearDown() override { std::filesystem::remove_all(dir_); }
-
-  Home home() const { return Home(dir_); }
+  Home home() const { return dir_.home(); }
   void write(const std::string& text) const {
     home().writeAtomically(text, Chain::kFile);
   }
@@ -118,7 +112,7 @@ class ChainTest : public ::testing::Test {
     chain.answered(id, road, stamps.is_null() ? nullptr : &stamps);
   }
 
-  std::string dir_;
+  TempHome dir_;
   int64_t nowMS_ = 1'700'000'000'000;
   Chain::Clock clock_ = [this] { return nowMS_; };
 };

@@ -18,17 +18,6 @@ constexpr size_t kMaxHosts = 32;
 constexpr size_t kMaxRules = 16;
 constexpr size_t kMaxUserAgent = 512;
 
-std::optional<std::vector<std::string>> asTexts(const json& v) {
-  if (!v.is_array()) return std::nullopt;
-  std::vector<std::string> out;
-  out.reserve(v.size());
-  for (const json& item : v) {
-    if (!item.is_string()) return std::nullopt;
-    out.push_back(item.get<std::string>());
-  }
-  return out;
-}
-
 const json* member(const json& object, const char* key) {
   auto it = object.find(key);
   return it == object.end() ? nullptr : &*it;
@@ -63,7 +52,8 @@ std::optional<AccessRule> ruleFromCoded(const json& v) {
   if (hosts == nullptr || methods == nullptr || paths == nullptr) {
     return std::nullopt;
   }
-  auto h = asTexts(*hosts), m = asTexts(*methods), p = asTexts(*paths);
+  auto h = JsonFields::texts(*hosts), m = JsonFields::texts(*methods),
+       p = JsonFields::texts(*paths);
   if (!h || !m || !p) return std::nullopt;
   return AccessRule{std::move(*h), std::move(*m), std::move(*p)};
 }
@@ -77,11 +67,7 @@ json SecretName::asDictionary() const {
               {"kind", kind},
               {"hosts", hosts},
               {"updated_at", updatedAt}};
-  if (!rules.empty()) {
-    json list = json::array();
-    for (const AccessRule& rule : rules) list.push_back(rule.asDictionary());
-    out["rules"] = std::move(list);
-  }
+  if (!rules.empty()) out["rules"] = AccessRule::asList(rules);
   if (signedInAt) out["signed_in_at"] = *signedInAt;
   if (expiresBy) out["expires_by"] = *expiresBy;
   return out;
@@ -116,7 +102,7 @@ std::optional<SecretName> SecretName::fromCoded(const json& value) {
   SecretName out;
   out.name = name->get<std::string>();
   out.kind = kind->get<std::string>();
-  auto hostList = asTexts(*hosts);
+  auto hostList = JsonFields::texts(*hosts);
   auto updated = JsonFields::integer(*updatedAt);
   if (!hostList || !updated) return std::nullopt;
   out.hosts = std::move(*hostList);
@@ -166,7 +152,7 @@ std::vector<SecretName> buildSecretNames(const json& secretsList, int64_t now) {
 
     if (const json* hosts = member(entry, "hosts")) {
       for (std::string& host :
-           asTexts(*hosts).value_or(std::vector<std::string>{})) {
+           JsonFields::texts(*hosts).value_or(std::vector<std::string>{})) {
         if (secret.hosts.size() == kMaxHosts) break;
         if (host.empty() || host.find('\n') != std::string::npos) continue;
         secret.hosts.push_back(std::move(host));

@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "testing/service_internals.h"
+#include "testing/temp_home.h"
 #include "tolvanger/kit/service_error.h"
 #include "tolvanger/service/service.h"
 
@@ -118,14 +119,8 @@ TEST(BuildSecretNames, UserAgentLength) {
 
 class SecretNamesTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    char dir[] = "/tmp/tolvanger-secrets-XXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    path_ = dir;
-  }
-  void TearDown() override { std::filesystem::remove_all(path_); }
-  Home home() const { return Home(path_); }
-  std::string path_;
+  Home home() const { return dir_.home(); }
+  TempHome dir_;
 };
 
 TEST_F(SecretNamesTest, ReplaceReturnsNewNamesAndPersists) {

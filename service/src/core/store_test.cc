@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "testing/full_disk.h"
+#include "testing/temp_home.h"
 #include "tolvanger/kit/service_error.h"
 
 namespace tolvanger::service {
@@ -22,12 +23,6 @@ constexpr int64_t kGrace = 600;
 
 class StoreTest : public ::testing::Test {
  protected:
-  StoreTest() {
-    std::string pattern = (fs::temp_directory_path() / "store-test-XXXXXX");
-    home_ = Home(mkdtemp(pattern.data()));
-  }
-  ~StoreTest() override { fs::remove_all(home_.path()); }
-
   std::unique_ptr<Store> open() {
     return std::make_unique<Store>(home_, kGrace,
                                    [this] { return now_.load(); });
@@ -55,7 +50,8 @@ class StoreTest : public ::testing::Test {
     return "";
   }
 
-  Home home_{""};
+  TempHome dir_;
+  Home home_ = dir_.home();
   std::atomic<int64_t> now_{1000};
 };
 

@@ -8,6 +8,7 @@
 #include <filesystem>
 
 #include "testing/service_internals.h"
+#include "testing/temp_home.h"
 #include "tolvanger/kit/cloud_seal.h"
 #include "tolvanger/kit/crypto/mldsa65.h"
 #include "tolvanger/kit/crypto/p256.h"
@@ -19,15 +20,6 @@ namespace {
 using nlohmann::json;
 
 constexpr const char* kGate = "this Mac only answers that on the sealed road";
-
-struct TempHome {
-  TempHome() {
-    char dir[] = "/tmp/tolvanger-routes-XXXXXX";
-    if (mkdtemp(dir) != nullptr) path = dir;
-  }
-  ~TempHome() { std::filesystem::remove_all(path); }
-  std::string path;
-};
 
 struct Phone {
   std::string id = "phone-1";

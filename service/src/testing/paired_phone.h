@@ -12,6 +12,7 @@
 #include <string>
 
 #include "testing/service_internals.h"
+#include "testing/temp_home.h"
 #include "tolvanger/kit/bytes.h"
 #include "tolvanger/kit/cloud_seal.h"
 #include "tolvanger/kit/crypto/mldsa65.h"
@@ -21,20 +22,6 @@
 #include "tolvanger/service/service.h"
 
 namespace tolvanger::service {
-
-// A directory of its own, removed with everything in it.
-class TempHome {
- public:
-  TempHome() {
-    std::string tmpl =
-        (std::filesystem::temp_directory_path() / "tolvanger-XXXXXX").string();
-    path = ::mkdtemp(tmpl.data());
-  }
-  ~TempHome() { std::filesystem::remove_all(path); }
-  TempHome(const TempHome&) = delete;
-  TempHome& operator=(const TempHome&) = delete;
-  std::string path;
-};
 
 // A phone made of software keys.
 struct Phone {

@@ -61,6 +61,8 @@ struct AccessRule {
 
   // {"hosts": [...], "methods": [...], "paths": [...]}; also the coded form.
   nlohmann::json asDictionary() const;
+  // `rules` as a JSON array of their dictionaries.
+  static nlohmann::json asList(const std::vector<AccessRule>& rules);
 
   bool operator==(const AccessRule&) const = default;
 };

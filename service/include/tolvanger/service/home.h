@@ -44,6 +44,10 @@ class Home {
   // The path of `name` inside the home. `name` may hold a subdirectory.
   std::string file(std::string_view name) const;
 
+  // The agent socket's file name, and its path in this home.
+  static constexpr std::string_view kSocketFile = "tolvanger.sock";
+  std::string socketPath() const { return file(kSocketFile); }
+
   // The whole content of `name`; nothing on any failure, absence included.
   std::optional<std::string> read(std::string_view name) const;
 
