@@ -4,11 +4,11 @@
 #   2. builds OpenSSL 3.5 and curl (static, curl against that OpenSSL) from the
 #      next Debian release's source packages into a versioned cache outside the
 #      tree, and reuses that cache when it is already complete.
-#   3. installs the official MCP TypeScript SDK from the npm registry into the
-#      same cache, for the end-to-end test that drives the MCP server with a
-#      real client.
-# Prints "mcp-sdk: <dir>" and then the cache prefix on its last line. Safe to
-# run any number of times.
+#   3. installs the real counterparts the tests drive from the npm registry into
+#      the same cache: the official MCP TypeScript SDK, the Claude Code and Codex
+#      command lines, an OpenID Connect authorisation server and a mail composer.
+# Prints "node-tools: <dir>" and then the cache prefix on its last line. Safe
+# to run any number of times.
 #
 # With --fetch-only it only fetches and checks the two source tarballs into
 # $TOLVANGER_DEPS_CACHE/sources and prints the versions chosen: a quick check
@@ -35,7 +35,8 @@ as_root() {
 readonly PACKAGES=(
   build-essential cmake ninja-build perl pkg-config ca-certificates
   libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev
-  zlib1g-dev libicu-dev libqrencode-dev
+  zlib1g-dev libicu-dev libqrencode-dev libsystemd-dev libsecret-1-dev
+  unison python3-dbusmock tmux gzip dbus
   clang clang-format libclang-rt-14-dev
   python3
   xz-utils tar
@@ -321,21 +322,34 @@ fetch_only() {
   printf 'openssl %s\ncurl %s\n' "$OSSL_VER" "$CURL_VER"
 }
 
-readonly MCP_SDK_VERSION=1.32.2
+# Exact versions, so every machine tests against the same counterparts. Bump
+# NODE_TOOLS_REV when the list changes, so an old folder is not reused.
+readonly NODE_TOOLS_REV=1
+readonly NODE_TOOLS=(
+  @modelcontextprotocol/sdk@1.32.2
+  @anthropic-ai/claude-code@2.1.330
+  @openai/codex@0.169.0
+  oidc-provider@9.13.3
+  nodemailer@10.6.0
+)
 
-install_mcp_sdk() {
-  local dir="$CACHE_ROOT/mcp-sdk-$MCP_SDK_VERSION"
-  if [ ! -f "$dir/node_modules/@modelcontextprotocol/sdk/package.json" ]; then
-    log "installing @modelcontextprotocol/sdk@$MCP_SDK_VERSION from the npm registry"
+install_node_tools() {
+  local dir="$CACHE_ROOT/node-tools-r$NODE_TOOLS_REV"
+  if [ ! -f "$dir/.complete" ]; then
+    log "installing from the npm registry: ${NODE_TOOLS[*]}"
     mkdir -p "$CACHE_ROOT"
     local work
     work=$(mktemp -d "$CACHE_ROOT/npm.XXXXXX")
     (cd "$work" && npm install --no-audit --no-fund --ignore-scripts --loglevel=error \
-      "@modelcontextprotocol/sdk@$MCP_SDK_VERSION" >&2)
+      "${NODE_TOOLS[@]}" >&2)
+    # Install scripts stay off for every package; Claude Code's only copies its
+    # platform's native binary into place, so that one runs by name.
+    (cd "$work" && node node_modules/@anthropic-ai/claude-code/install.cjs >&2)
+    touch "$work/.complete"
     rm -rf "$dir"
     mv "$work" "$dir"
   fi
-  printf 'mcp-sdk: %s\n' "$dir"
+  printf 'node-tools: %s\n' "$dir"
 }
 
 case "${1:-}" in
@@ -344,7 +358,7 @@ case "${1:-}" in
     ;;
   "")
     install_packages
-    install_mcp_sdk
+    install_node_tools
     build_deps
     ;;
   *)

@@ -8,8 +8,8 @@ bootstrap() {
   local out
   out=$(bash "$ROOT/scripts/bootstrap.sh")
   DEPS_PREFIX=$(tail -n 1 <<<"$out")
-  MCP_SDK_DIR=$(sed -n 's/^mcp-sdk: //p' <<<"$out")
-  export DEPS_PREFIX MCP_SDK_DIR
+  NODE_TOOLS_DIR=$(sed -n 's/^node-tools: //p' <<<"$out")
+  export DEPS_PREFIX NODE_TOOLS_DIR
 }
 
 # configure <build dir> [cmake args...]
@@ -23,5 +23,5 @@ configure() {
     launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache -DCMAKE_C_COMPILER_LAUNCHER=ccache)
   fi
   cmake -S "$ROOT" -B "$dir" -G Ninja -DTOLVANGER_DEPS_PREFIX="$DEPS_PREFIX" \
-    -DTOLVANGER_MCP_SDK_DIR="$MCP_SDK_DIR" "${launcher[@]}" "$@" >/dev/null
+    -DTOLVANGER_NODE_TOOLS_DIR="$NODE_TOOLS_DIR" "${launcher[@]}" "$@" >/dev/null
 }

@@ -171,7 +171,7 @@ class BrokeredCall : public ::testing::Test {
 };
 
 TEST_F(BrokeredCall, AnMCPClientListsSendsWithTheCredentialAndHearsADenial) {
-  const std::string sdk = TOLVANGER_MCP_SDK_DIR;
+  const std::string sdk = TOLVANGER_NODE_TOOLS_DIR;
   ASSERT_TRUE(!sdk.empty() &&
               fs::exists(sdk + "/node_modules/@modelcontextprotocol/sdk"))
       << "the MCP SDK is missing; scripts/bootstrap.sh installs it and "
