@@ -108,3 +108,14 @@ TEST(JsonFields, IntegersFitSixtyFourSignedBitsOrAreAbsent) {
 
 }  // namespace
 }  // namespace tolvanger
+
+TEST(Text, WhitespaceIsExactlyTheTwentyNineScalars) {
+  int count = 0;
+  for (char32_t c = 0; c <= 0x10FFFF; ++c)
+    count += tolvanger::Text::isWhitespace(c);
+  EXPECT_EQ(count, 29);
+  EXPECT_TRUE(tolvanger::Text::isWhitespace(0x3000));
+  EXPECT_FALSE(tolvanger::Text::isWhitespace(0x200B));  // zero-width space
+  EXPECT_FALSE(
+      tolvanger::Text::isWhitespace(0x180E));  // Mongolian vowel separator
+}

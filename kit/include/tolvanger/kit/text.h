@@ -38,6 +38,17 @@ void appendUTF8(std::string& out, char32_t scalar);
 // The bytes as UTF-8, each invalid sequence replaced by U+FFFD.
 std::string repaired(std::string_view bytes);
 
+// True for exactly the 29 scalars this system treats as whitespace when it
+// folds a text onto one line or splits it into words: U+0009 to U+000D, U+001C
+// to U+001F, U+0020, U+0085, U+00A0, U+1680, U+2000 to U+200A, U+2028,
+// U+2029, U+202F, U+205F and U+3000. Zero-width spaces are not among them.
+constexpr bool isWhitespace(char32_t c) {
+  return (c >= 0x09 && c <= 0x0D) || (c >= 0x1C && c <= 0x20) || c == 0x85 ||
+         c == 0xA0 || c == 0x1680 || (c >= 0x2000 && c <= 0x200A) ||
+         c == 0x2028 || c == 0x2029 || c == 0x202F || c == 0x205F ||
+         c == 0x3000;
+}
+
 }  // namespace tolvanger::Text
 
 #endif  // TOLVANGER_KIT_TEXT_H_
