@@ -21,6 +21,7 @@ import datetime
 import email.message
 import email.utils
 import json
+import mailbox
 import random
 import sys
 
@@ -148,20 +149,23 @@ class Maker:
         return out[:count]
 
 
-def as_mbox(rows, stream):
-    for i, row in enumerate(rows):
-        m = email.message.EmailMessage()
-        m["From"] = row["from"]
-        m["To"] = "friend0@example.net" if row["from_me"] else OWNER
-        m["Subject"] = "note %d" % i
-        when = datetime.datetime.fromtimestamp(row["ts"], datetime.timezone.utc)
-        m["Date"] = email.utils.format_datetime(when)
-        m.set_content(row["text"])
-        # An mbox line starting with "From " in a body would split the message.
-        body = m.as_string().replace("\nFrom ", "\n>From ")
-        stream.write("From %s %s\n" % (row["from"], when.strftime("%a %b %d %H:%M:%S %Y")))
-        stream.write(body)
-        stream.write("\n")
+def as_mbox(rows, path):
+    box = mailbox.mbox(path)
+    box.lock()
+    try:
+        for i, row in enumerate(rows):
+            m = email.message.EmailMessage()
+            m["From"] = row["from"]
+            m["To"] = "friend0@example.net" if row["from_me"] else OWNER
+            m["Subject"] = "note %d" % i
+            when = datetime.datetime.fromtimestamp(row["ts"], datetime.timezone.utc)
+            m["Date"] = email.utils.format_datetime(when)
+            m.set_content(row["text"])
+            box.add(m)
+        box.flush()
+    finally:
+        box.unlock()
+        box.close()
 
 
 def main(argv=None):
@@ -173,13 +177,15 @@ def main(argv=None):
     ap.add_argument("--out", default="-")
     args = ap.parse_args(argv)
     rows = Maker(args.seed, args.vocab).history(args.count)
+    if args.mbox:
+        if args.out == "-":
+            ap.error("an mbox needs a file: name it with --out")
+        as_mbox(rows, args.out)
+        return 0
     stream = sys.stdout if args.out == "-" else open(args.out, "w", encoding="utf-8")
     try:
-        if args.mbox:
-            as_mbox(rows, stream)
-        else:
-            for row in rows:
-                stream.write(json.dumps(row, ensure_ascii=False) + "\n")
+        for row in rows:
+            stream.write(json.dumps(row, ensure_ascii=False) + "\n")
     finally:
         if stream is not sys.stdout:
             stream.close()

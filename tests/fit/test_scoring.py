@@ -3,6 +3,7 @@
 import datetime
 import math
 import random
+import unicodedata
 import unittest
 
 from fitload import fit
@@ -89,6 +90,56 @@ class FeatureTest(unittest.TestCase):
         self.assertEqual(fit.style_features("a" * 11)["chars"], "0")
         # Mean token length 4.5 -> "4" (bounds 3.2 3.7 4.1 4.5 ...).
         self.assertEqual(fit.style_features("abcd abcde")["wordlen"], "4")
+
+
+def is_word(c):
+    """A word scalar, spelled out from the general category and numeric type."""
+    cat = unicodedata.category(c)
+    if c == "_" or cat == "Nd":
+        return False
+    return cat in ("Lu", "Ll", "Lt", "Lm", "Lo") or unicodedata.numeric(c, None) is not None
+
+
+def walked_words(text):
+    """Words by walking the scalars one at a time."""
+    out, i, n = [], 0, len(text)
+    while i < n:
+        if not is_word(text[i]):
+            i += 1
+            continue
+        j = i
+        while j < n and is_word(text[j]):
+            j += 1
+        while j + 1 < n and text[j] in "'\u2019" and is_word(text[j + 1]):
+            j += 1
+            while j < n and is_word(text[j]):
+                j += 1
+        out.append(text[i:j])
+        i = j
+    return out
+
+
+class WordTest(unittest.TestCase):
+    def test_every_scalar_is_classed_as_spelled_out(self):
+        for code in range(0x110000):
+            if 0xD800 <= code <= 0xDFFF:
+                continue
+            c = chr(code)
+            self.assertEqual(fit.WORD_RE.fullmatch(c) is not None, is_word(c), hex(code))
+
+    def test_words_match_a_plain_walk(self):
+        pool = "ab\u03a3\u00e9\u0436'\u2019_1\u0663 .-\u00bd\u2163\u0301\u02b0\u00aa\U0001f600\n"
+        rng = random.Random(9)
+        for _ in range(20000):
+            text = "".join(rng.choice(pool) for _ in range(rng.randrange(0, 14)))
+            self.assertEqual(fit.WORD_RE.findall(text), walked_words(text), repr(text))
+
+    def test_sets(self):
+        self.assertEqual(len(fit.PUNCT), 36)
+        self.assertEqual(len(fit.WHITESPACE), 29)
+        # The same set as Python's own idea of white space.
+        self.assertEqual(fit.WHITESPACE, {chr(c) for c in range(0x110000) if chr(c).isspace()})
+        self.assertEqual(fit.tokens("a\u2028b\u0085https://x\u3000y"), ["a", "b", "url", "y"])
 
 
 class TimingTest(unittest.TestCase):
