@@ -84,7 +84,13 @@ class FittedProfileTest(unittest.TestCase):
 
     def test_check_rows(self):
         rows = self.profile["checks"]
-        self.assertEqual(len(rows), 40)
+        self.assertEqual(len(rows), 40 + len(fit.PROBES))
+        probes, rows = rows[40:], rows[:40]
+        self.assertEqual([(r["msg"]["burstlen"], r["msg"]["pos"]) for r in probes],
+                         [(p[3], p[4]) for p in fit.PROBES])
+        self.assertIsInstance(probes[1]["msg"]["burstlen"], float)
+        self.assertEqual(probes[0]["feats"]["hour"], "19")  # rounded up into the hour
+        self.assertEqual(probes[1]["feats"]["hour"], "18")
         self.assertEqual(sorted(rows[0]), ["feats", "msg", "score"])
         self.assertEqual(sorted(rows[0]["msg"]), ["burstlen", "gap", "pos", "text", "ts"])
         scores = [r["score"] for r in rows]
@@ -96,7 +102,7 @@ class FittedProfileTest(unittest.TestCase):
             self.assertIsInstance(r["msg"]["burstlen"], int)
         ok = run("--check", self.package)
         self.assertEqual((ok.returncode, ok.stdout.strip()),
-                         (0, "tolvanger-fit: all 40 check rows of %s reproduce" % self.package))
+                         (0, "tolvanger-fit: all 48 check rows of %s reproduce" % self.package))
 
     def test_a_changed_last_digit_is_caught(self):
         p = json.loads(self.data)
@@ -177,9 +183,11 @@ class TinyHistoryTest(unittest.TestCase):
 
     def test_rows_are_the_scoring_of_the_file(self):
         _, p = self.fitted(checks=4)
-        self.assertEqual(len(p["checks"]), 4)
+        self.assertEqual(len(p["checks"]), 4 + len(fit.PROBES))
         data = fit.encode(p)
-        self.assertEqual(fit.self_check(data), 4)
+        self.assertEqual(fit.self_check(data), 12)
+        _, p = self.fitted(checks=4, probes=False)
+        self.assertEqual(len(p["checks"]), 4)
         back = fit.read_profile(json.loads(data))
         for row, theirs in zip(back["checks"], p["checks"]):
             self.assertEqual(fit.score(back, row["msg"]), theirs["score"])
@@ -222,7 +230,7 @@ class LimitTest(unittest.TestCase):
         finally:
             fit.LIMIT = saved
         self.assertLessEqual(max(len(data), len(package)), len(full) // 2)
-        self.assertEqual(fit.self_check(data), 10)
+        self.assertEqual(fit.self_check(data), 10 + len(fit.PROBES))
         self.assertIn("<oov>", profile["model"]["vocab"])
 
     def test_twenty_thousand_messages_pack_past_256_kib(self):
