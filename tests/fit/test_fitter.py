@@ -126,6 +126,23 @@ class FittedProfileTest(unittest.TestCase):
                          r"\d\.\d{12} where it was fitted \u2014 the two implementations have "
                          r"come apart\n$")
 
+    def test_scores_messages_like_observe(self):
+        lines = [{"ts": 1763900000, "text": "Dear Sir, Please find the QUARTERLY report "
+                  "attached: https://example.com/r?id=7."},
+                 {"ts": 1763928000, "text": "ok \u043f\u0440\u0438\u0432\u0435\u0442 "
+                  "\U0001f600", "gap": 20, "burstlen": 2, "pos": 1}]
+        done = subprocess.run([sys.executable, FIT, "--score", self.package], capture_output=True,
+                              text=True, input="".join(json.dumps(x) + "\n" for x in lines))
+        self.assertEqual(done.returncode, 0, done.stderr)
+        got = [json.loads(line) for line in done.stdout.splitlines()]
+        self.assertEqual([g["verdict"] for g in got], ["no", "yes"])
+        self.assertEqual(got[1]["feats"]["burstlen"], "2")
+        profile = fit.read_profile(self.profile)
+        for line, g in zip(lines, got):
+            m = fit.Message(line["ts"], line["text"], line.get("gap"), line.get("burstlen", 1),
+                            line.get("pos", 0))
+            self.assertEqual(g["score"], fit.score(profile, m))
+
     def test_same_input_same_package(self):
         again = os.path.join(self.tmp.name, "again.b64")
         self.assertEqual(run(self.history, "--out", again, "--fitted", FITTED).returncode, 0)
