@@ -329,6 +329,9 @@ class RefusalTest(unittest.TestCase):
                  "ts.jsonl line 1 has no usable time in ts (seconds since 1970)"),
                 ([self.write(d, "big.jsonl", '{"ts": 1e15, "text": "a", "from_me": true}\n')],
                  "big.jsonl line 1 has no usable time in ts (seconds since 1970)"),
+                ([self.write(d, "huge.jsonl", good + '{"ts": 1%s, "text": "a", "from_me": true}\n'
+                             % ("0" * 400))],
+                 "huge.jsonl line 2 has no usable time in ts (seconds since 1970)"),
                 ([self.write(d, "me.jsonl", '{"ts": 1, "text": "a", "from_me": 1}\n')],
                  "me.jsonl line 1 has no from_me of true or false"),
                 ([self.write(d, "none.jsonl", other * 3), "--me", "x"],
