@@ -13,13 +13,16 @@
 // connection already open, at the smallest and the largest history, and
 // reports the ratios (within 3).
 #include <benchmark/benchmark.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
+#include <iterator>
 #include <map>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -101,6 +104,23 @@ History& history(int settled) {
   return *one;
 }
 
+// The CPU time, user and system, that process `pid` has used, in
+// microseconds.
+double cpuMicros(pid_t pid) {
+  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+  std::string text((std::istreambuf_iterator<char>(stat)),
+                   std::istreambuf_iterator<char>());
+  // Fields after the command's closing parenthesis; utime and stime are the
+  // 12th and 13th of them.
+  std::istringstream rest(text.substr(text.rfind(')') + 2));
+  std::string field;
+  double ticks = 0;
+  for (int i = 1; i <= 13 && rest >> field; ++i) {
+    if (i >= 12) ticks += std::stod(field);
+  }
+  return ticks * 1e6 / static_cast<double>(::sysconf(_SC_CLK_TCK));
+}
+
 double median(std::vector<double> values) {
   std::sort(values.begin(), values.end());
   return values[values.size() / 2];
@@ -122,23 +142,33 @@ void BM_HelloAsHistoryGrows(benchmark::State& state) {
     clients.push_back(
         std::make_unique<SocketClient>(history(settled).service->socketPath()));
   }
-  const json hello = {{"op", std::getenv("OP") ? std::getenv("OP") : "hello"},
-                      {"client", "bench"}};
+  const json hello = {{"op", "hello"}, {"client", "bench"}};
   std::vector<std::vector<double>> rounds(clients.size());
+  std::vector<double> cpu(clients.size(), 0);
+  constexpr int kRounds = 30, kCalls = 40;
   for (auto _ : state) {
-    for (int round = 0; round < 30; ++round) {
+    for (int round = 0; round < kRounds; ++round) {
       for (size_t i = 0; i < clients.size(); ++i) {
-        rounds[i].push_back(microsPerCall(40, [&] {
+        const pid_t pid = history(kHistories[i]).service->pid();
+        const double before = cpuMicros(pid);
+        rounds[i].push_back(microsPerCall(kCalls, [&] {
           if (clients[i]->call(hello).value("ok", false) != true) std::abort();
         }));
+        cpu[i] += cpuMicros(pid) - before;
       }
     }
   }
   const double empty = median(rounds[0]);
   for (size_t i = 0; i < clients.size(); ++i) {
     const std::string n = std::to_string(kHistories[i]);
+    const double cpuPerCall = cpu[i] / (kRounds * kCalls);
     state.counters["hello_us_" + n] = median(rounds[i]);
-    if (i > 0) state.counters["ratio_" + n] = median(rounds[i]) / empty;
+    state.counters["hello_cpu_us_" + n] = cpuPerCall;
+    if (i > 0) {
+      state.counters["ratio_" + n] = median(rounds[i]) / empty;
+      state.counters["cpu_ratio_" + n] =
+          cpuPerCall / (cpu[0] / (kRounds * kCalls));
+    }
   }
 }
 BENCHMARK(BM_HelloAsHistoryGrows)->Iterations(1)->UseRealTime();

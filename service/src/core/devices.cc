@@ -187,6 +187,11 @@ std::vector<Device> Devices::all() const {
   return sortedLocked();
 }
 
+uint64_t Devices::version() const {
+  MutexLock lock(mu_);
+  return version_;
+}
+
 std::optional<Device> Devices::device(std::string_view id) const {
   MutexLock lock(mu_);
   auto it = byID_.find(id);

@@ -84,9 +84,24 @@ crypto::MLDSA65PrivateKey Identity::pqKey() {
   return *signingPQ_;
 }
 
+Identity::Published Identity::published() {
+  {
+    MutexLock lock(mu_);
+    if (published_) return *published_;
+  }
+  Published made;
+  made.spki = ensure().publicKey().der();
+  made.pq = pqKey().publicKey().raw();
+  made.fingerprint = Fingerprint::of(made.spki);
+  made.pqFingerprint = Fingerprint::of(made.pq);
+  MutexLock lock(mu_);
+  if (!published_) published_ = made;
+  return *published_;
+}
+
 Bytes Identity::spki() {
   try {
-    return ensure().publicKey().der();
+    return published().spki;
   } catch (const std::exception&) {
     return {};
   }
@@ -96,7 +111,7 @@ std::string Identity::spkiBase64() { return toBase64(spki()); }
 
 Bytes Identity::pqPublicKey() {
   try {
-    return pqKey().publicKey().raw();
+    return published().pq;
   } catch (const std::exception&) {
     return {};
   }
@@ -104,7 +119,21 @@ Bytes Identity::pqPublicKey() {
 
 std::string Identity::pqBase64() { return toBase64(pqPublicKey()); }
 
-std::string Identity::fingerprint() { return Fingerprint::of(spki()); }
+std::string Identity::fingerprint() {
+  try {
+    return published().fingerprint;
+  } catch (const std::exception&) {
+    return Fingerprint::of(Bytes{});
+  }
+}
+
+std::string Identity::pqFingerprint() {
+  try {
+    return published().pqFingerprint;
+  } catch (const std::exception&) {
+    return Fingerprint::of(Bytes{});
+  }
+}
 
 Bytes Identity::sign(ByteView data) { return ensure().sign(data); }
 

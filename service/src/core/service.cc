@@ -306,19 +306,33 @@ json Service::requestPayload(const StoredRequest& request) {
               {"daemon_sig_pq", toBase64(sigPQ)}};
 }
 
-json Service::status() {
-  json deviceRows = json::array();
+json Service::deviceRows() {
+  const uint64_t before = devices_.version();
+  {
+    MutexLock lock(rowsMu_);
+    if (deviceRows_ && deviceRows_->first == before) return deviceRows_->second;
+  }
+  json rows = json::array();
   for (const Device& d : devices_.all()) {
     const bool hasCloudKey = d.cloudKey.has_value();
-    deviceRows.push_back(
-        json{{"device_id", d.deviceID},
-             {"name", d.name},
-             {"fingerprint", d.fingerprint()},
-             {"fingerprint_pq", d.pqFingerprint().value_or("-")},
-             {"recovery_left", d.recovery.size()},
-             {"sealed", hasCloudKey},
-             {"cloud", hasCloudKey}});
+    rows.push_back(json{{"device_id", d.deviceID},
+                        {"name", d.name},
+                        {"fingerprint", d.fingerprint()},
+                        {"fingerprint_pq", d.pqFingerprint().value_or("-")},
+                        {"recovery_left", d.recovery.size()},
+                        {"sealed", hasCloudKey},
+                        {"cloud", hasCloudKey}});
   }
+  // Kept only when no change slipped in between the count and the copy.
+  if (devices_.version() == before) {
+    MutexLock lock(rowsMu_);
+    deviceRows_.emplace(before, rows);
+  }
+  return rows;
+}
+
+json Service::status() {
+  json deviceRows = this->deviceRows();
   json secretNames = json::array();
   for (const SecretName& s : secrets_.all()) secretNames.push_back(s.name);
   return json{
@@ -326,8 +340,8 @@ json Service::status() {
       {"daemon_id", config.daemonID},
       {"host", config.host},
       {"version", 1},
-      {"fingerprint", Fingerprint::of(identity_.spki())},
-      {"fingerprint_pq", Fingerprint::of(identity_.pqPublicKey())},
+      {"fingerprint", identity_.fingerprint()},
+      {"fingerprint_pq", identity_.pqFingerprint()},
       {"devices", std::move(deviceRows)},
       {"secrets", std::move(secretNames)},
       {"pending", store_.pendingCount()},
@@ -626,9 +640,7 @@ bool Service::clearNudgeIf(std::string_view nudgeID) {
 
 std::string Service::fingerprint() { return identity_.fingerprint(); }
 
-std::string Service::pqFingerprint() {
-  return Fingerprint::of(identity_.pqPublicKey());
-}
+std::string Service::pqFingerprint() { return identity_.pqFingerprint(); }
 
 void Service::scrubCredentials() { credentials_.scrubAll(); }
 

@@ -87,6 +87,9 @@ class Devices {
 
   // Copies of every device, oldest pairing first.
   std::vector<Device> all() const;
+  // A number that changes with every change to the registry, so a reader
+  // can keep what it derived from `all()` until it moves.
+  uint64_t version() const;
   // A copy of one device.
   std::optional<Device> device(std::string_view id) const;
   size_t count() const;

@@ -65,6 +65,7 @@ class Identity {
   Bytes pqPublicKey();
   std::string pqBase64();
   std::string fingerprint();
+  std::string pqFingerprint();
 
   // ECDSA P-256 over `data`, DER. Throws IdentityError.
   Bytes sign(ByteView data);
@@ -90,6 +91,15 @@ class Identity {
   Mutex mu_;
   std::optional<crypto::P256PrivateKey> signing_ GUARDED_BY(mu_);
   std::optional<crypto::MLDSA65PrivateKey> signingPQ_ GUARDED_BY(mu_);
+  // The public forms, made once the keys are had: they never change after,
+  // and status asks for them on every hello.
+  struct Published {
+    Bytes spki, pq;
+    std::string fingerprint, pqFingerprint;
+  };
+  std::optional<Published> published_ GUARDED_BY(mu_);
+  // The public forms; throws IdentityError as `ensure()` does.
+  Published published();
   const crypto::XWingPrivateKey cloudKey_;
 };
 

@@ -264,6 +264,14 @@ class Service {
   // names and its new `announceSeq` one step. It guards no field of its own:
   // the registries' locks nest inside it, and no file is written under it.
   Mutex announceMu_;
+
+  // The devices' rows of `status`, kept while the registry stays at
+  // `version`: hashing every phone's keys on each hello would make the
+  // hello's cost grow with the phones' key sizes for nothing.
+  nlohmann::json deviceRows();
+  Mutex rowsMu_;
+  std::optional<std::pair<uint64_t, nlohmann::json>> deviceRows_
+      GUARDED_BY(rowsMu_);
 };
 
 }  // namespace tolvanger::service
