@@ -9,6 +9,7 @@
 // The home is $TOLVANGER_HOME when set, else the platform's default.
 #include <signal.h>
 
+#include <charconv>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -46,9 +47,12 @@ constexpr const char* kUsage =
     "\n"
     "commands:\n"
     "  init [--quiet]    make the home, its config.json and the keys\n"
-    "  serve [--quiet] [--test-ca FILE]\n"
+    "  serve [--quiet] [--test-ca FILE] [--test-connect-to H:P:A:P]\n"
     "                    run the service until interrupted; --test-ca makes\n"
-    "                    brokered calls trust only the CA in FILE (for tests)\n"
+    "                    brokered calls trust only the CA in FILE, and\n"
+    "                    --test-connect-to sends calls for host H, port P to\n"
+    "                    address A, port P, still checking TLS against H\n"
+    "                    (both for tests)\n"
     "  pair              open a pairing window and show its link as a QR code\n"
     "  status [--json]   show what the running service reports\n"
     "  mcp --client NAME speak MCP on standard input and output for an agent\n"
@@ -89,6 +93,26 @@ int init(const std::vector<std::string_view>& args) {
   return 0;
 }
 
+// HOST:PORT:ADDR:PORT with both ports whole numbers from 1 to 65535.
+bool isConnectTo(std::string_view entry) {
+  std::vector<std::string_view> pieces;
+  for (size_t start = 0;;) {
+    const size_t colon = entry.find(':', start);
+    pieces.push_back(entry.substr(start, colon - start));
+    if (colon == std::string_view::npos) break;
+    start = colon + 1;
+  }
+  const auto isPort = [](std::string_view p) {
+    int port = 0;
+    const auto [end, error] =
+        std::from_chars(p.data(), p.data() + p.size(), port);
+    return error == std::errc() && end == p.data() + p.size() && port >= 1 &&
+           port <= 65535;
+  };
+  return pieces.size() == 4 && !pieces[0].empty() && !pieces[2].empty() &&
+         isPort(pieces[1]) && isPort(pieces[3]);
+}
+
 int serve(const std::vector<std::string_view>& args) {
   const bool quiet = hasFlag(args, "--quiet");
   // Every thread inherits this mask, so the signals wait for sigwait below
@@ -106,6 +130,13 @@ int serve(const std::vector<std::string_view>& args) {
   tolvanger::service::UpstreamSettings upstream;
   for (size_t i = 0; i + 1 < args.size(); ++i) {
     if (args[i] == "--test-ca") upstream.testCAFile = std::string(args[i + 1]);
+    if (args[i] == "--test-connect-to") {
+      if (!isConnectTo(args[i + 1])) {
+        return fail("--test-connect-to wants HOST:PORT:ADDR:PORT, not " +
+                    std::string(args[i + 1]));
+      }
+      upstream.testConnectTo.emplace_back(args[i + 1]);
+    }
   }
   Runtime runtime(Home::standard(), std::nullopt, std::move(upstream));
   runtime.start();

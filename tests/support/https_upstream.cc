@@ -69,9 +69,10 @@ void addExtension(X509* cert, X509* issuer, int nid, const char* value) {
 
 // A certificate for `key` named `commonName`, signed by `issuerKey`. With no
 // `issuer` it is self-signed and a CA; otherwise a server certificate for
-// localhost and 127.0.0.1.
+// localhost, 127.0.0.1 and `alsoNames`.
 Cert makeCert(EVP_PKEY* key, const char* commonName, X509* issuer,
-              EVP_PKEY* issuerKey, long serial) {
+              EVP_PKEY* issuerKey, long serial,
+              const std::vector<std::string>& alsoNames = {}) {
   Cert cert(X509_new(), X509_free);
   if (!cert) fail("cannot allocate a certificate");
   X509* x = cert.get();
@@ -97,7 +98,9 @@ Cert makeCert(EVP_PKEY* key, const char* commonName, X509* issuer,
     addExtension(x, signer, NID_basic_constraints, "critical,CA:FALSE");
     addExtension(x, signer, NID_key_usage, "critical,digitalSignature");
     addExtension(x, signer, NID_ext_key_usage, "serverAuth");
-    addExtension(x, signer, NID_subject_alt_name, "DNS:localhost,IP:127.0.0.1");
+    std::string names = "DNS:localhost,IP:127.0.0.1";
+    for (const std::string& also : alsoNames) names += ",DNS:" + also;
+    addExtension(x, signer, NID_subject_alt_name, names.c_str());
   }
   if (X509_sign(x, issuerKey, EVP_sha256()) <= 0) fail("cannot sign");
   return cert;
@@ -344,7 +347,8 @@ void HTTPSUpstream::State::closeDescriptors() {
   listener = wake[0] = wake[1] = -1;
 }
 
-HTTPSUpstream::HTTPSUpstream(Handler handler)
+HTTPSUpstream::HTTPSUpstream(Handler handler,
+                             const std::vector<std::string>& alsoNames)
     : state_(std::make_unique<State>()) {
   State& s = *state_;
   s.handler = std::move(handler);
@@ -354,7 +358,7 @@ HTTPSUpstream::HTTPSUpstream(Handler handler)
       makeCert(caKey.get(), "Tolvanger Test CA", nullptr, caKey.get(), 1);
   const PKey leafKey = newKey();
   const Cert leaf =
-      makeCert(leafKey.get(), "localhost", ca.get(), caKey.get(), 2);
+      makeCert(leafKey.get(), "localhost", ca.get(), caKey.get(), 2, alsoNames);
   s.caPEM = pemOf(ca.get());
 
   s.context.reset(SSL_CTX_new(TLS_server_method()));
@@ -416,6 +420,10 @@ HTTPSUpstream::~HTTPSUpstream() {
 }
 
 int HTTPSUpstream::port() const { return state_->port; }
+
+std::string HTTPSUpstream::connectTo(std::string_view host) const {
+  return std::string(host) + ":443:127.0.0.1:" + std::to_string(state_->port);
+}
 
 std::string HTTPSUpstream::netloc() const {
   return "localhost:" + std::to_string(state_->port);

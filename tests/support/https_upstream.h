@@ -1,7 +1,7 @@
 // A local HTTPS server for tests and benchmarks: it makes a CA and a
-// certificate of its own for "localhost" and 127.0.0.1, listens on a free
-// loopback port, records every request it receives, and answers through a
-// handler.
+// certificate of its own for "localhost", 127.0.0.1 and any other names it is
+// given, listens on a free loopback port, records every request it receives,
+// and answers through a handler.
 //
 // The default handler answers by path: "/status/<n>" with status n,
 // "/redirect" with 302 and a location elsewhere, "/bytes/<n>" with n bytes of
@@ -18,6 +18,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -44,15 +45,21 @@ class HTTPSUpstream {
 
   using Handler = std::function<Reply(const Received&)>;
 
-  // Starts listening. Throws std::runtime_error when OpenSSL or the socket
-  // fails.
-  explicit HTTPSUpstream(Handler handler = defaultHandler);
+  // Starts listening. The certificate also names each of `alsoNames`, so a
+  // client told to connect here for one of those hosts still checks TLS
+  // against the host's own name. Throws std::runtime_error when OpenSSL or
+  // the socket fails.
+  explicit HTTPSUpstream(Handler handler = defaultHandler,
+                         const std::vector<std::string>& alsoNames = {});
   ~HTTPSUpstream();
 
   HTTPSUpstream(const HTTPSUpstream&) = delete;
   HTTPSUpstream& operator=(const HTTPSUpstream&) = delete;
 
   int port() const;
+  // "<host>:443:127.0.0.1:<port>": libcurl's connect-to entry that sends
+  // calls for `host` here.
+  std::string connectTo(std::string_view host) const;
   // "localhost:<port>", as a pin names it.
   std::string netloc() const;
   // The CA certificate in PEM form.

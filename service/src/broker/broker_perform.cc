@@ -80,9 +80,9 @@ bool same(const FieldValue& field, const json& any) {
   return false;
 }
 
-// The request headers handed to libcurl. curl keeps its own copy of each
-// line; the copies that carried the credential are wiped before they are
-// freed.
+// A list of lines handed to libcurl: the request headers, or the test's
+// connect-to entries. curl keeps its own copy of each line; the copies that
+// carried the credential are wiped before they are freed.
 class HeaderList {
  public:
   HeaderList() = default;
@@ -173,8 +173,8 @@ size_t onBody(char* data, size_t size, size_t count, void* user) {
 
 // Sets every option of the call; false when libcurl refuses one.
 bool configure(CURL* h, const std::string& url, const Wire& wire,
-               const HeaderList& headers, const UpstreamSettings& settings,
-               Answer& answer) {
+               const HeaderList& headers, const HeaderList& connectTo,
+               const UpstreamSettings& settings, Answer& answer) {
   bool ok = curl_easy_setopt(h, CURLOPT_URL, url.c_str()) == CURLE_OK;
   // https only, no redirect followed, no proxy from the environment, the
   // path exactly as approved. libcurl takes no empty list of redirect
@@ -192,6 +192,10 @@ bool configure(CURL* h, const std::string& url, const Wire& wire,
   if (settings.testCAFile) {
     ok = ok && curl_easy_setopt(h, CURLOPT_CAINFO,
                                 settings.testCAFile->c_str()) == CURLE_OK;
+  }
+  if (connectTo.get() != nullptr) {
+    ok = ok &&
+         curl_easy_setopt(h, CURLOPT_CONNECT_TO, connectTo.get()) == CURLE_OK;
   }
   // The whole call ends within kUpstreamWait; a stalled connection or
   // transfer ends after kUpstreamTimeout.
@@ -280,8 +284,13 @@ json Broker::send(const Wire& wire, const std::vector<OutgoingHeader>& headers,
   }
   HeaderList list;
   fillHeaders(list, wire, headers);
+  HeaderList connectTo;
+  for (const std::string& entry : settings.testConnectTo) {
+    connectTo.append(entry.c_str());
+  }
   Answer answer;
-  if (!configure(handle.get(), *url, wire, list, settings, answer)) {
+  if (!configure(handle.get(), *url, wire, list, connectTo, settings,
+                 answer)) {
     throw ServiceError::internalFailure(
         "the upstream call could not be set up" + std::string(kSpentNote));
   }
@@ -319,9 +328,10 @@ json Broker::perform(const std::string& requestID) {
         "approvals are redeemed, not performed");
   }
   const Wire& wire = *stored->http;
-  // Named operations beyond the plain call are not part of this build.
+  const NamedOp* op = nullptr;
   if (stored->operation != kOperation) {
-    throw ServiceError::refused("no such operation");
+    op = Ops::get(stored->operation);
+    if (op == nullptr) throw ServiceError::refused("no such operation");
   }
 
   // The very text the phone signed, read again; the stored wire must still
@@ -333,7 +343,12 @@ json Broker::perform(const std::string& requestID) {
       !signedFields->is_object()) {
     throw ServiceError::refused("the stored request will not re-read");
   }
-  for (const auto& [key, value] : structuralFields(wire, true).entries) {
+  // Whether the body was shown is settled the way it was when the request
+  // was built: by the op, or for a plain call by whether an op could read
+  // it. A renderer reads nothing but the wire, so the answer is the same.
+  const bool showBody =
+      op != nullptr ? op->showBody : screen(nullptr, wire).showBody;
+  for (const auto& [key, value] : structuralFields(wire, showBody).entries) {
     const auto at = signedFields->find(key);
     if (at == signedFields->end() || !same(value, *at)) {
       throw ServiceError::refused(
@@ -351,7 +366,10 @@ json Broker::perform(const std::string& requestID) {
   // The pins as the phone states them now: a host unpinned since the
   // approval wins over it.
   const Pins pinned = pins(wire.secret);
+  if (op != nullptr) op->pins.allow(wire, op->name);
   pinned.allow(wire, "the " + wire.secret + " credential");
+  // What no digest can hold is looked at once more, right before the call.
+  if (op != nullptr && op->recheck) op->recheck(wire);
 
   // From here on the approval is gone, whatever happens on the wire.
   Spent spent = service_.spendCredential(requestID);

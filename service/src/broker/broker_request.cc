@@ -9,6 +9,7 @@
 #include "tolvanger/kit/text.h"
 #include "tolvanger/kit/url.h"
 #include "tolvanger/service/broker.h"
+#include "tolvanger/service/ops.h"
 #include "tolvanger/service/service.h"
 
 namespace tolvanger::service {
@@ -20,6 +21,11 @@ namespace {
 const std::set<std::string, std::less<>> kParts = {"body", "headers", "method",
                                                    "secret", "url"};
 constexpr size_t kMaxHeaderName = 64;
+// The fields that describe the call itself; an op's renderer may not write
+// them.
+const std::set<std::string, std::less<>> kStructuralKeys = {
+    "method",     "host",      "path",       "headers", "body_sha256",
+    "body_bytes", "body_text", "credential", "reason"};
 
 [[noreturn]] void refuse(std::string sentence) {
   throw ServiceError::refused(std::move(sentence));
@@ -299,10 +305,31 @@ Pins Broker::pins(const std::string& name) const {
   return pinsOf(service_.secretName(name), name);
 }
 
-json Broker::request(const Ask& ask) {
-  if (ask.operation && *ask.operation != kOperation) {
-    refuse("no such operation");
+Broker::Screen Broker::screen(const NamedOp* op, const Wire& wire) {
+  if (op != nullptr) {
+    const json rendered = op->render(wire);
+    return {Fields::from(&rendered), op->showBody, op};
   }
+  // A plain call that fits an op's pins reads like that op where it can; a
+  // body the op cannot read is shown as it is.
+  if (const NamedOp* presenter = Ops::presenter(wire)) {
+    try {
+      const json rendered = presenter->render(wire);
+      return {Fields::from(&rendered), presenter->showBody, presenter};
+    } catch (const ServiceError&) {
+    }
+  }
+  return {Fields{}, true, nullptr};
+}
+
+json Broker::request(const Ask& ask) {
+  const NamedOp* op = nullptr;
+  if (ask.operation && *ask.operation != kOperation) {
+    op = Ops::get(*ask.operation);
+    if (op == nullptr) refuse("no such operation");
+  }
+  const std::string operation =
+      op != nullptr ? op->name : std::string(kOperation);
   if (!ask.request.is_object()) {
     refuse("the request is an object with method, url, headers and body");
   }
@@ -316,34 +343,63 @@ json Broker::request(const Ask& ask) {
            " and nothing else \u2014 not " + Ascii::join(others, ", "));
   }
 
+  // The credential: the one named, or for an op the usual one if the phone
+  // announced it, else the only one pinned to the op's hosts.
+  std::string name;
   const json* secret = member(ask.request, "secret");
-  if (secret == nullptr || !secret->is_string() ||
-      secret->get_ref<const std::string&>().empty()) {
+  if (secret != nullptr && secret->is_string() &&
+      !secret->get_ref<const std::string&>().empty()) {
+    name = secret->get<std::string>();
+  } else if (op != nullptr) {
+    const std::vector<SecretName> announced = service_.secretNames();
+    const bool usual = std::any_of(
+        announced.begin(), announced.end(),
+        [&](const SecretName& n) { return n.name == op->credential; });
+    const std::optional<std::string> only =
+        usual ? std::nullopt : onlyOne(announced, op->pins.hosts);
+    name = only.value_or(op->credential);
+  } else {
     refuse(std::string(kOperation) +
            " needs the name of the credential to attach \u2014 the ones you "
            "may ask for, and where each may be sent, come back from a "
            "credentials listing");
   }
-  const std::string name = secret->get<std::string>();
   const auto found = service_.secretName(name);
+  if (op != nullptr && !found) {
+    refuse(op->name + " attaches the " + name +
+           " credential and no phone here holds one \u2014 write one on your "
+           "phone, pinned to " +
+           Ascii::join(op->pins.hosts, ", ") +
+           ", sign into the provider there, or name another with `secret`");
+  }
   const Pins pins = pinsOf(found, name);
 
-  Wire wire = check(ask.request, name, pins, kOperation);
+  Wire wire =
+      check(ask.request, name, op != nullptr ? op->pins : pins, operation);
   // A site session goes out as the browser that made it, unless the agent
   // named a user agent of its own.
   if (found->userAgent && wire.headers.count("user-agent") == 0) {
     wire.headers["user-agent"] = *found->userAgent;
   }
+  if (op != nullptr) op->pins.allow(wire, op->name);
   pins.allow(wire, "the " + name + " credential");
 
-  // A plain call has no presenter in this build: no fields of an operation,
-  // and the body is shown when it can be.
   Fields fields;
   if (ask.reason) {
     const std::string_view reason = trimmed(*ask.reason);
     if (!reason.empty()) fields.set("reason", std::string(reason));
   }
-  for (auto& [key, value] : structuralFields(wire, true).entries) {
+  Screen shown = screen(op, wire);
+  for (auto& [key, value] : shown.fields.entries) {
+    if (kStructuralKeys.count(key) != 0) {
+      refuse("the " + shown.by->name + " renderer tried to write " + key +
+             ", which is not its to write");
+    }
+    fields.set(key, std::move(value));
+  }
+  // A renderer cannot mask what the call is, and an agent cannot name
+  // itself.
+  for (auto& [key, value] : structuralFields(wire, shown.showBody).entries) {
     fields.set(key, std::move(value));
   }
   fields.set("agent", ask.agent);
@@ -357,7 +413,7 @@ json Broker::request(const Ask& ask) {
   options.agent = ask.process;
   options.wire = std::move(wire);
   const StoredRequest stored =
-      service_.raise(std::string(kOperation), std::move(fields), options);
+      service_.raise(operation, std::move(fields), options);
   return service_.openedReply(stored);
 }
 

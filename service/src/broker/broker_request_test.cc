@@ -93,7 +93,7 @@ TEST_F(BrokerRequestTest, FilesTheWireAndShowsItsShape) {
 
 TEST_F(BrokerRequestTest, RefusesTheShapeOfTheRequest) {
   const json ok = call("https://api.host:8443/");
-  EXPECT_EQ(refusal(ok, "mail.send"), "no such operation");
+  EXPECT_EQ(refusal(ok, "mail.forward"), "no such operation");
   json extra = ok;
   extra["timeout"] = 5;
   extra["Zeta"] = 1;

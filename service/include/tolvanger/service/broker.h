@@ -25,6 +25,7 @@
 #include "tolvanger/kit/bytes.h"
 #include "tolvanger/kit/fields.h"
 #include "tolvanger/service/agent_process.h"
+#include "tolvanger/service/ops.h"
 #include "tolvanger/service/pins.h"
 #include "tolvanger/service/secret_names.h"
 #include "tolvanger/service/wire.h"
@@ -33,10 +34,14 @@ namespace tolvanger::service {
 
 class Service;
 
-// How the outgoing call is made. Production uses the defaults; a test may
-// name a CA file of its own, which then replaces the system's store.
+// How the outgoing call is made. Production uses the defaults. A test may
+// name a CA file of its own, which then replaces the system's store, and
+// send a provider's calls to a local server under the provider's own name:
+// each `testConnectTo` entry is "HOST:PORT:ADDR:PORT", libcurl's connect-to,
+// so the certificate is still checked against HOST.
 struct UpstreamSettings {
   std::optional<std::string> testCAFile;
+  std::vector<std::string> testConnectTo;
 };
 
 // One header to send: its name and its value, which may hold a secret and
@@ -86,6 +91,20 @@ class Broker {
   // ServiceError::refused.
   static Wire check(const nlohmann::json& request, const std::string& secret,
                     const Pins& pins, std::string_view called);
+
+  // What an operation shows of a call: the fields its renderer wrote,
+  // whether body_text is shown too, and the op that rendered them (none for
+  // a plain call that no op reads).
+  struct Screen {
+    Fields fields;
+    bool showBody = true;
+    const NamedOp* by = nullptr;
+  };
+
+  // The screen of `wire` under the named `op`, whose refusal is thrown; or,
+  // with no op, under the first op whose pins fit the call, where a refusal
+  // means the plain view. Throws ServiceError::refused.
+  static Screen screen(const NamedOp* op, const Wire& wire);
 
   // The fields the phone shows for `wire` and the digest covers.
   static Fields structuralFields(const Wire& wire, bool showBody);
