@@ -299,6 +299,39 @@ TEST(AppFront, WiresTheRealClientsAndTakesItBackOut) {
             std::string::npos)
       << status.out;
 
+  // The journal in plain English, and followed as it grows.
+  const Ran journal = runApp({"journal"}, env);
+  EXPECT_EQ(journal.status, 0) << journal.err;
+  EXPECT_TRUE(std::regex_search(journal.out,
+                                std::regex("\\d\\d:\\d\\d  Tolvanger started")))
+      << journal.out;
+  EXPECT_NE(runApp({"journal", "--raw"}, env).out.find(" started listen="),
+            std::string::npos);
+  {
+    std::vector<std::string> argv = {TOLVANGER_APP_BIN, "journal", "-f"};
+    Child follow(argv, env);
+    ASSERT_TRUE(follow.readLine().has_value());
+    SocketClient admin(service.socketPath());
+    admin.call({{"op", "hello"}, {"role", "admin"}});
+    const int port =
+        json::parse(readFile(home + "/config.json"))["listen_port"];
+    ASSERT_EQ(pairPhone(admin, dir.file("phone"), port).status, 0);
+    std::optional<std::string> line;
+    while ((line = follow.readLine(bounded(std::chrono::seconds(10)))) &&
+           line->find("A phone paired with this computer") ==
+               std::string::npos) {
+    }
+    EXPECT_TRUE(line.has_value()) << "journal -f did not follow";
+  }
+  SocketClient agent(service.socketPath());
+  agent.call({{"op", "hello"}, {"client", "codex"}});
+  ASSERT_EQ(agent.call({{"op", "request"}, {"operation", "deploy.prod"}})["ok"],
+            true);
+  const Ran waiting = runApp({"pending"}, env);
+  EXPECT_EQ(waiting.status, 0) << waiting.err;
+  EXPECT_TRUE(std::regex_search(waiting.out, std::regex("\\S+  deploy")))
+      << waiting.out;
+
   for (const char* cli : {"claude", "codex"}) {
     const Ran unwired = runApp({"unwire", cli}, env);
     EXPECT_EQ(unwired.status, 0) << unwired.out << unwired.err;
@@ -324,6 +357,32 @@ TEST(AppFront, WiresTheRealClientsAndTakesItBackOut) {
                 .find("args = [\"mcp\", \"--client\", \"codex\"]"),
             std::string::npos);
   EXPECT_EQ(runApp({"wire", "nobody"}, bare).status, 2);
+}
+
+TEST(AppFront, OneInstallStepPutsTheProgramsTogetherAndTheyNameEachOther) {
+  TempDir dir;
+  const std::string prefix = dir.file("local");
+  Child install(
+      {TOLVANGER_CMAKE, "--install", TOLVANGER_BUILD_DIR, "--prefix", prefix});
+  const Ran installed = install.wait(std::chrono::seconds(60));
+  ASSERT_EQ(installed.status, 0) << installed.out << installed.err;
+  for (const char* name :
+       {"tolvanger", "tolvanger-service", "tolvanger-phone"}) {
+    EXPECT_EQ(::access((prefix + "/bin/" + name).c_str(), X_OK), 0) << name;
+  }
+  const std::string scratch = dir.file("client");
+  fs::create_directories(scratch);
+  Child wire({prefix + "/bin/tolvanger", "wire", "codex"},
+             {{"TOLVANGER_CLIENT_HOME", scratch},
+              {"XDG_STATE_HOME", dir.file("state")},
+              {"PATH", "/usr/bin:/bin"}});
+  ASSERT_EQ(wire.wait().status, 0);
+  EXPECT_EQ(readFile(scratch + "/.codex/config.toml"),
+            "[mcp_servers.tolvanger]\n"
+            "command = \"" +
+                prefix +
+                "/bin/tolvanger-service\"\n"
+                "args = [\"mcp\", \"--client\", \"codex\"]\n");
 }
 
 TEST(AppFront, TheUserUnitPassesSystemdsOwnCheck) {
