@@ -484,6 +484,12 @@ Wired Wiring::state(Agent agent) const {
 
 void Wiring::configure(Agent agent) const {
   if (const auto exe = find_(std::string(agentCLI(agent)))) {
+    // Claude's CLI will not add over an entry of the same name: an entry
+    // that is there already (perhaps naming an older path) goes first.
+    if (agent == Agent::claudeCode &&
+        state(agent).kind == Wired::Kind::configured) {
+      run(agent, *exe, {"mcp", "remove", "--scope", "user", "tolvanger"});
+    }
     std::vector<std::string> args = {"mcp", "add"};
     if (agent == Agent::claudeCode)
       args.insert(args.end(), {"--scope", "user"});

@@ -271,6 +271,9 @@ TEST(AppFront, WiresTheRealClientsAndTakesItBackOut) {
   ASSERT_EQ(wired.status, 0) << wired.out << wired.err;
   EXPECT_NE(wired.out.find("A new claude session picks it up."),
             std::string::npos);
+  // Wiring again replaces the entry rather than failing on it.
+  wired = runApp({"wire", "claude"}, env);
+  ASSERT_EQ(wired.status, 0) << wired.out << wired.err;
   Ran listed = list("claude");
   EXPECT_TRUE(std::regex_search(listed.out,
                                 std::regex("tolvanger: .*tolvanger-service "
