@@ -90,8 +90,10 @@ std::string joined(const std::vector<std::string>& ls) {
   return out;
 }
 
-// A table header's name; a "[[...]]" line is no header.
+// A table header's name; a "[[...]]" line is no header. A line end of
+// "\r\n" counts as the blank it is.
 std::optional<std::string> header(std::string_view line) {
+  if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
   const std::string s = stripped(line);
   if (s.empty() || s[0] != '[' || s.rfind("[[", 0) == 0) return std::nullopt;
   const size_t close = s.rfind(']');

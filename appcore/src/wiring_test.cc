@@ -77,6 +77,11 @@ TEST(EditToml, QuotedHeadersAndArraysOfTables) {
             "[after]\n"
             "k = 1\n");
   EXPECT_EQ(Edit::tomlWithout(text, "tolvanger"), "[after]\nk = 1\n");
+  // A file written with CRLF line ends finds its entry all the same.
+  EXPECT_EQ(Edit::tomlWithout("[mcp_servers.tolvanger]\r\ncommand = \"x\"\r\n"
+                              "[other]\r\n",
+                              "tolvanger"),
+            "[other]\r\n");
   // A similar name is another server.
   EXPECT_EQ(Edit::span("[mcp_servers.tolvanger2]\n", "tolvanger"),
             std::nullopt);
