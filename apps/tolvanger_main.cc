@@ -306,23 +306,14 @@ int test(AppModel& model) {
 
 // --- Setup ------------------------------------------------------------------
 
-bool pairStep(AppModel& model) {
+// One pairing window, from the QR to its end. True when a phone paired;
+// `stopped` says the person ended it rather than the window closing.
+bool pairOnce(AppModel& model, bool* stopped) {
   std::optional<std::string> shown;
-  if (!model.status().running) {
-    say("Starting the service…");
-    if (!model.bringUpService()) {
-      say("The service is not answering, so there is nothing to pair to.");
-      return false;
-    }
-  }
-  showNote(model, &shown);
-  if (model.advanceSetup()) {
-    say("A phone is already paired with this computer.");
-    return true;
-  }
   model.openPairing();
   if (model.pairing().kind != PairingState::Kind::waiting) {
     showNote(model, &shown);
+    *stopped = true;
     return false;
   }
   const std::string url = model.pairing().url;
@@ -333,7 +324,7 @@ bool pairStep(AppModel& model) {
   say("No camera? Give the phone this link:");
   say("  " + url);
   bool offered = false;
-  const bool paired = waitOn(
+  const bool ended = waitOn(
       model, "waiting for the phone",
       [&] {
         if (!offered && model.pairing().kind == PairingState::Kind::offered) {
@@ -348,10 +339,34 @@ bool pairStep(AppModel& model) {
                model.pairing().kind == PairingState::Kind::idle;
       },
       [&](const std::string& line) { return line == "q" || line == "\x04"; });
-  if (!paired || model.flow().step() == Step::pair) {
-    model.cancelPairing();
+  *stopped = !ended;
+  if (model.flow().step() != Step::pair) return true;
+  model.cancelPairing();
+  return false;
+}
+
+bool pairStep(AppModel& model) {
+  std::optional<std::string> shown;
+  if (!model.status().running) {
+    say("Starting the service…");
+    if (!model.bringUpService()) {
+      say("The service is not answering, so there is nothing to pair to.");
+      return false;
+    }
+  }
+  showNote(model, &shown);
+  if (model.advanceSetup()) {
+    say("A phone is already paired with this computer.");
+    return true;
+  }
+  for (;;) {
+    bool stopped = false;
+    if (pairOnce(model, &stopped)) break;
+    if (stopped || interrupted) return false;
     say("The pairing window closed without a phone.");
-    return false;
+    say("Press Enter to try again, or type q to stop.");
+    const auto line = typed(-1);
+    if (!line || *line != "") return false;
   }
   std::string name = "your phone";
   if (!model.status().phones.empty()) name = model.status().phones.back().name;

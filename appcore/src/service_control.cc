@@ -14,7 +14,7 @@ namespace {
 constexpr const char* kSystemctl = "/usr/bin/systemctl";
 
 // A path or an assignment quoted for a unit file: backslashes and quotes
-// escaped, and "%" doubled so no specifier expands. A "$" stays as it is:
+// escaped, and "%" doubled so no "%x" sequence expands. A "$" stays as it is:
 // systemd expands variables only in a command's arguments, never in the
 // program's path or in Environment=.
 std::string unitWord(const std::string& word) {

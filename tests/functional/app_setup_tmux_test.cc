@@ -99,12 +99,39 @@ TEST(AppSetup, AFirstRunInATerminalPairsThePhoneAndProvesTheRoundTrip) {
   ASSERT_TRUE(link) << tmux.last();
   EXPECT_NE(tmux.last().find("▀"), std::string::npos) << "no QR drawn";
   EXPECT_NE(tmux.last().find("No systemd user manager"), std::string::npos);
-  const std::string url = (*link)[1];
 
-  const Ran paired =
-      runPhone(phoneHome, {"pair", url, "--name", "Pixel"}, "", [&] {
-        const auto code =
-            tmux.waitFor("Tap this number on the phone: (\\d+)", "code");
+  // A wrong pick, one of the three the phone shows, spends the window;
+  // setup offers another.
+  Child phone(
+      {TOLVANGER_PHONE_BIN, "pair", std::string((*link)[1]), "--name", "Pixel"},
+      {{"TOLVANGER_PHONE_HOME", phoneHome}});
+  const auto shown = phone.readLine();
+  ASSERT_TRUE(shown.has_value());
+  const auto code =
+      tmux.waitFor("Tap this number on the phone: (\\d+)", "first-code");
+  ASSERT_TRUE(code);
+  std::smatch choice;
+  std::string choices = *shown;
+  std::string other;
+  while (std::regex_search(choices, choice, std::regex("\\b(\\d+)\\b"))) {
+    if (choice[1] != (*code)[1]) other = choice[1];
+    choices = choice.suffix();
+  }
+  ASSERT_FALSE(other.empty()) << *shown;
+  phone.write(other + "\n");
+  const Ran wrong = phone.wait();
+  EXPECT_NE(wrong.status, 0);
+  ASSERT_TRUE(tmux.waitFor("Press Enter to try again", "try-again"))
+      << tmux.last();
+  tmux.run({"send-keys", "-t", "setup", "Enter"});
+  const auto again = tmux.waitFor(
+      "try again[\\s\\S]*Give the phone this link:\\s+(\\S+)", "second-qr");
+  ASSERT_TRUE(again) << tmux.last();
+  const Ran paired = runPhone(
+      phoneHome, {"pair", std::string((*again)[1]), "--name", "Pixel"}, "",
+      [&] {
+        const auto code = tmux.waitFor(
+            "try again[\\s\\S]*Tap this number on the phone: (\\d+)", "code");
         return code ? std::string((*code)[1]) + "\n" : std::string("\n");
       });
   ASSERT_EQ(paired.status, 0) << paired.err;
