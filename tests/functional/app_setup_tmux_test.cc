@@ -83,10 +83,11 @@ TEST(AppSetup, AFirstRunInATerminalPairsThePhoneAndProvesTheRoundTrip) {
   } stop{state + "/tolvanger/session-service.pid"};
 
   Tmux tmux(std::string(TOLVANGER_ARTEFACTS_DIR) + "/setup-in-tmux");
-  const std::string command = "env TOLVANGER_HOME='" + home +
-                              "' XDG_STATE_HOME='" + state + "' HOME='" +
-                              dir.path() + "' " + TOLVANGER_APP_BIN +
-                              " setup; echo EXIT=$?; sleep 60";
+  // No user bus: the run must not reach a user manager of the machine's.
+  const std::string command =
+      "env -u XDG_RUNTIME_DIR -u DBUS_SESSION_BUS_ADDRESS TOLVANGER_HOME='" +
+      home + "' XDG_STATE_HOME='" + state + "' HOME='" + dir.path() + "' " +
+      TOLVANGER_APP_BIN + " setup; echo EXIT=$?; sleep 60";
   ASSERT_EQ(tmux.run({"new-session", "-d", "-s", "setup", "-x", "240", "-y",
                       "80", command})
                 .status,

@@ -242,6 +242,9 @@ TEST(AppModel, BringsTheServiceUpPairsAndProvesTheRoundTrip) {
 }
 
 TEST(AppFront, WiresTheRealClientsAndTakesItBackOut) {
+  ASSERT_EQ(::access((nodeBin() + "/claude").c_str(), X_OK), 0)
+      << "the agent clients' CLIs are not in " << nodeBin()
+      << "; configure with -DTOLVANGER_NODE_TOOLS_DIR=<the bootstrap's folder>";
   TempDir dir;
   const std::string home = preparedHome(dir);
   ServiceProcess service(home);
@@ -302,6 +305,41 @@ TEST(AppFront, WiresTheRealClientsAndTakesItBackOut) {
             std::string::npos)
       << status.out;
 
+  for (const char* cli : {"claude", "codex"}) {
+    const Ran unwired = runApp({"unwire", cli}, env);
+    EXPECT_EQ(unwired.status, 0) << unwired.out << unwired.err;
+    EXPECT_EQ(list(cli).out.find("tolvanger"), std::string::npos) << cli;
+  }
+  EXPECT_EQ(readFile(scratch + "/.claude.json.tolvanger.bak"), claudeBefore);
+  EXPECT_EQ(readFile(scratch + "/.codex/config.toml.tolvanger.bak"),
+            codexBefore);
+
+  // Without the CLIs on PATH the files are edited by hand, and a file of the
+  // wrong shape is refused with its sentence and left as it was.
+  std::ofstream(scratch + "/.claude.json", std::ios::trunc) << "[1]";
+  auto bare = env;
+  bare.back().second = "/usr/bin:/bin";
+  const Ran refused = runApp({"wire", "claude"}, bare);
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_NE(refused.err.find("that file is not JSON we could read"),
+            std::string::npos)
+      << refused.err;
+  EXPECT_EQ(readFile(scratch + "/.claude.json"), "[1]");
+  EXPECT_EQ(runApp({"wire", "codex"}, bare).status, 0);
+  EXPECT_NE(readFile(scratch + "/.codex/config.toml")
+                .find("args = [\"mcp\", \"--client\", \"codex\"]"),
+            std::string::npos);
+  EXPECT_EQ(runApp({"wire", "nobody"}, bare).status, 2);
+}
+
+TEST(AppFront, ReadsTheJournalAndWhatWaits) {
+  TempDir dir;
+  const std::string home = preparedHome(dir);
+  ServiceProcess service(home);
+  ASSERT_TRUE(service.waitForSocket());
+  const std::vector<std::pair<std::string, std::string>> env = {
+      {"TOLVANGER_HOME", home}, {"XDG_STATE_HOME", dir.file("state")}};
+  EXPECT_EQ(runApp({"pending"}, env).out, "Nothing waits for your phone.\n");
   // The journal in plain English, and followed as it grows.
   const Ran journal = runApp({"journal"}, env);
   EXPECT_EQ(journal.status, 0) << journal.err;
@@ -334,32 +372,6 @@ TEST(AppFront, WiresTheRealClientsAndTakesItBackOut) {
   EXPECT_EQ(waiting.status, 0) << waiting.err;
   EXPECT_TRUE(std::regex_search(waiting.out, std::regex("\\S+  deploy")))
       << waiting.out;
-
-  for (const char* cli : {"claude", "codex"}) {
-    const Ran unwired = runApp({"unwire", cli}, env);
-    EXPECT_EQ(unwired.status, 0) << unwired.out << unwired.err;
-    EXPECT_EQ(list(cli).out.find("tolvanger"), std::string::npos) << cli;
-  }
-  EXPECT_EQ(readFile(scratch + "/.claude.json.tolvanger.bak"), claudeBefore);
-  EXPECT_EQ(readFile(scratch + "/.codex/config.toml.tolvanger.bak"),
-            codexBefore);
-
-  // Without the CLIs on PATH the files are edited by hand, and a file of the
-  // wrong shape is refused with its sentence and left as it was.
-  std::ofstream(scratch + "/.claude.json", std::ios::trunc) << "[1]";
-  auto bare = env;
-  bare.back().second = "/usr/bin:/bin";
-  const Ran refused = runApp({"wire", "claude"}, bare);
-  EXPECT_EQ(refused.status, 1);
-  EXPECT_NE(refused.err.find("that file is not JSON we could read"),
-            std::string::npos)
-      << refused.err;
-  EXPECT_EQ(readFile(scratch + "/.claude.json"), "[1]");
-  EXPECT_EQ(runApp({"wire", "codex"}, bare).status, 0);
-  EXPECT_NE(readFile(scratch + "/.codex/config.toml")
-                .find("args = [\"mcp\", \"--client\", \"codex\"]"),
-            std::string::npos);
-  EXPECT_EQ(runApp({"wire", "nobody"}, bare).status, 2);
 }
 
 TEST(AppFront, OneInstallStepPutsTheProgramsTogetherAndTheyNameEachOther) {
