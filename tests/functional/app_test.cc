@@ -12,6 +12,7 @@
 #include <sstream>
 
 #include "harness.h"
+#include "https_upstream.h"
 #include "tolvanger/appcore/app_model.h"
 #include "tolvanger/appcore/reading.h"
 #include "tolvanger/appcore/service_control.h"
@@ -335,7 +336,10 @@ TEST(AppFront, WiresTheRealClientsAndTakesItBackOut) {
 TEST(AppFront, ReadsTheJournalAndWhatWaits) {
   TempDir dir;
   const std::string home = preparedHome(dir);
-  ServiceProcess service(home);
+  HTTPSUpstream upstream;
+  upstream.writeCA(dir.file("ca.pem"));
+  ServiceProcess service(home,
+                         {"serve", "--quiet", "--test-ca", dir.file("ca.pem")});
   ASSERT_TRUE(service.waitForSocket());
   const std::vector<std::pair<std::string, std::string>> env = {
       {"TOLVANGER_HOME", home}, {"XDG_STATE_HOME", dir.file("state")}};
@@ -372,6 +376,44 @@ TEST(AppFront, ReadsTheJournalAndWhatWaits) {
   EXPECT_EQ(waiting.status, 0) << waiting.err;
   EXPECT_TRUE(std::regex_search(waiting.out, std::regex("\\S+  deploy")))
       << waiting.out;
+
+  // A brokered call, approved with a value, performed and spent.
+  const std::string phone = dir.file("phone");
+  ASSERT_EQ(runPhone(phone, {"secrets", "add", "upstream", "--kind", "bearer",
+                             "--host", upstream.netloc()})
+                .status,
+            0);
+  const json opened =
+      agent.call({{"op", "proxy.request"},
+                  {"request",
+                   {{"secret", "upstream"},
+                    {"method", "GET"},
+                    {"url", "https://" + upstream.netloc() + "/status/200"}}}});
+  ASSERT_EQ(opened["ok"], true) << opened;
+  const std::string value = "tv-journal-3c5e9a17";
+  ASSERT_EQ(runPhone(phone, {"approve", opened["request_id"]},
+                     "approve\n" + value + "\n")
+                .status,
+            0);
+  EXPECT_EQ(
+      agent.call({{"op", "proxy.perform"}, {"id", opened["request_id"]}})["ok"],
+      true);
+  const Ran read = runApp({"journal"}, env);
+  EXPECT_NE(read.out.find("codex asked for upstream"), std::string::npos)
+      << read.out;
+  EXPECT_NE(read.out.find("You approved upstream for codex"),
+            std::string::npos);
+  EXPECT_NE(read.out.find("came back with status 200"), std::string::npos);
+  EXPECT_NE(read.out.find("upstream was spent for codex, nothing kept"),
+            std::string::npos);
+  EXPECT_NE(read.out.find("Your phone added upstream"), std::string::npos);
+  EXPECT_EQ(read.out.find(value), std::string::npos);
+  // No line of it falls back to the raw form.
+  std::istringstream lines(read.out);
+  for (std::string line; std::getline(lines, line);) {
+    EXPECT_TRUE(std::regex_match(line, std::regex("\\d\\d:\\d\\d  [^=]+")))
+        << line;
+  }
 }
 
 TEST(AppFront, OneInstallStepPutsTheProgramsTogetherAndTheyNameEachOther) {
