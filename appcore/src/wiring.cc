@@ -104,8 +104,7 @@ std::optional<std::string> header(std::string_view line) {
 }
 
 bool isBlank(const std::string& line) {
-  return stripped(line).empty() ||
-         stripped(line).find_first_not_of('\r') == std::string::npos;
+  return line.find_first_not_of(" \t\r") == std::string::npos;
 }
 
 std::optional<std::pair<size_t, size_t>> spanOf(
