@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdint>
 
+#include "tolvanger/kit/build.h"
 #include "tolvanger/kit/canonical.h"
 #include "tolvanger/kit/cloud_seal.h"
 #include "tolvanger/kit/fingerprint.h"
@@ -357,7 +358,8 @@ json Service::status() {
       {"cloud", json{{"enabled", config.cloud.enabled},
                      {"container", config.cloud.container},
                      {"connected", false},
-                     {"error", config.cloud.enabled ? "not started" : ""}}}};
+                     {"error", config.cloud.enabled ? "not started" : ""}}},
+      {"build", kBuildNumber}};
 }
 
 json Service::openedReply(const StoredRequest& request) const {

@@ -1,1 +1,0 @@
-#include "tolvanger/appcore/app_core.h"
