@@ -1,5 +1,7 @@
 #include "tolvanger/phone/phone_client.h"
 
+#include "tolvanger/phone/oauth_flow.h"
+
 #include <curl/curl.h>
 #include <unicode/uchar.h>
 #include <unicode/utf8.h>
@@ -532,6 +534,9 @@ Failure of(const std::exception& error) {
   }
   if (const auto* transport = dynamic_cast<const TransportError*>(&error)) {
     return {transportSentence(transport->code()), std::move(detail), false};
+  }
+  if (dynamic_cast<const OAuthError*>(&error)) {
+    return {finish(detail), std::move(detail), false};
   }
   return {"Something went wrong.", std::move(detail), false};
 }
