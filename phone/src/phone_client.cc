@@ -1,7 +1,5 @@
 #include "tolvanger/phone/phone_client.h"
 
-#include "tolvanger/phone/oauth_flow.h"
-
 #include <curl/curl.h>
 #include <unicode/uchar.h>
 #include <unicode/utf8.h>
@@ -13,6 +11,7 @@
 #include "tolvanger/kit/clock.h"
 #include "tolvanger/kit/curl_memory.h"
 #include "tolvanger/kit/ids.h"
+#include "tolvanger/phone/oauth_flow.h"
 
 namespace tolvanger::phone {
 
