@@ -32,7 +32,7 @@ SecretEntry OAuthCredential::entry(const OAuthProvider& p) const {
 }
 
 TokenVault::TokenVault(PhoneHome home, SecretBytes passphrase,
-                       crypto::Argon2Cost cost)
+                       crypto::ScryptCost cost)
     : home_(std::move(home)), passphrase_(std::move(passphrase)), cost_(cost) {}
 
 std::vector<OAuthCredential> TokenVault::load() const {

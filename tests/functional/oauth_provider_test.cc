@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <fstream>
 #include <regex>
 #include <thread>
 
@@ -268,6 +269,108 @@ TEST_F(OAuthAgainstAServer, DeviceGrantEndToEnd) {
   EXPECT_EQ(intervals.front(), code.interval);
   // The token is good for a refresh like any other.
   EXPECT_FALSE(github.refresh(tokens).accessToken.empty());
+}
+
+// The software phone signs in through the device flow, and the credential
+// it announces is pinned to what the ability names.
+TEST(OAuthSignIn, DeviceSignInReleasesTheTokenOnlyWhereTheAbilityReaches) {
+  TempDir dir;
+  OIDCServer server(dir);
+  HTTPSUpstream api;
+  const std::string home = dir.file("mac");
+  const std::string phoneHome = dir.file("phone");
+  ASSERT_EQ(runService(home, {"init", "--quiet"}), 0);
+  const int port = useFreePort(home);
+  api.writeCA(dir.file("api-ca.pem"));
+  ServiceProcess service(
+      home, {"serve", "--quiet", "--test-ca", dir.file("api-ca.pem")});
+  ASSERT_TRUE(service.waitForSocket());
+  SocketClient admin(service.socketPath());
+  ASSERT_EQ(admin.call({{"op", "hello"}, {"role", "admin"}})["ok"], true);
+  const Ran paired = pairPhone(admin, phoneHome, port);
+  ASSERT_EQ(paired.status, 0) << paired.err;
+
+  // The deployment file in its default place, the phone's home; the sign-in
+  // is also pointed at it through TOLVANGER_OAUTH_CONFIG.
+  const std::string config = phoneHome + "/oauth.json";
+  std::ofstream(config) << nlohmann::json{
+      {"providers",
+       {{"github",
+         {{"client_id", "tolvanger-keeping"},
+          {"hosts",
+           {{"auth", server.host()},
+            {"api", api.netloc()},
+            {"upload", "uploads.test"}}}}}}},
+      {"ca_file", server.caFile()}};
+  const std::string phrase = "a long passphrase for the test";
+  Child signin(
+      {TOLVANGER_PHONE_BIN, "signin", "github", "gh", "--ability", "profile"},
+      {{"TOLVANGER_PHONE_HOME", phoneHome},
+       {"TOLVANGER_OAUTH_CONFIG", config}});
+  signin.write(phrase + "\n");
+  std::string page, code;
+  while (const std::optional<std::string> line = signin.readLine()) {
+    static const std::regex kPrompt(R"(open (\S+) and enter the code (\S+)\.)");
+    std::smatch match;
+    if (std::regex_search(*line, match, kPrompt)) {
+      page = match[1];
+      code = match[2];
+      break;
+    }
+  }
+  ASSERT_FALSE(page.empty());
+  Browser person(server.caFile());
+  person.enterDeviceCode(page, code);
+  const Ran signedIn = signin.wait(std::chrono::seconds(60));
+  ASSERT_EQ(signedIn.status, 0) << signedIn.err;
+  EXPECT_NE(signedIn.out.find("GET on " + api.netloc() + " under /user"),
+            std::string::npos)
+      << signedIn.out;
+  EXPECT_NE(signedIn.out.find("The Mac now knows 1 secret."),
+            std::string::npos);
+
+  SocketClient agent(service.socketPath());
+  agent.call({{"op", "hello"}, {"client", "claude"}});
+  const auto ask = [&](const std::string& method, const std::string& url) {
+    return agent.call(
+        {{"op", "proxy.request"},
+         {"request", {{"secret", "gh"}, {"method", method}, {"url", url}}}});
+  };
+  // Elsewhere, or another method than the ability allows: refused by the
+  // pins before anything is filed.
+  for (const auto& [method, url] :
+       std::vector<std::pair<std::string, std::string>>{
+           {"GET", "https://elsewhere.example/user"},
+           {"DELETE", "https://" + api.netloc() + "/user"},
+           {"GET", "https://" + api.netloc() + "/repos/a/b"}}) {
+    const nlohmann::json refused = ask(method, url);
+    EXPECT_EQ(refused["ok"], false) << method << " " << url << refused;
+  }
+
+  const nlohmann::json opened = ask("GET", "https://" + api.netloc() + "/user");
+  ASSERT_EQ(opened["ok"], true) << opened;
+  const std::string id = opened["request_id"];
+  const Ran approved =
+      runPhone(phoneHome, {"approve", id}, "approve\n" + phrase + "\n");
+  ASSERT_EQ(approved.status, 0) << approved.err;
+  const nlohmann::json performed =
+      agent.call({{"op", "proxy.perform"}, {"id", id}});
+  EXPECT_EQ(performed["ok"], true) << performed;
+
+  const auto received = api.received();
+  ASSERT_EQ(received.size(), 1u);
+  EXPECT_EQ(received[0].target, "/user");
+  const std::string header = received[0].headers.at("authorization");
+  ASSERT_TRUE(header.starts_with("Bearer ")) << header;
+  const std::string token = header.substr(7);
+  EXPECT_GE(token.size(), 20u);
+  ASSERT_EQ(service.stop(), 0);
+  // The token is in no file of either side.
+  for (const std::string& root : {home, phoneHome}) {
+    for (const std::string& file : filesBelow(root)) {
+      EXPECT_EQ(readFile(file).find(token), std::string::npos) << file;
+    }
+  }
 }
 
 }  // namespace

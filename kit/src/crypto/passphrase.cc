@@ -30,30 +30,31 @@ uint32_t getU32(const uint8_t* p) {
 
 }  // namespace
 
-SecretBytes argon2id(ByteView passphrase, ByteView salt, size_t length,
-                     const Argon2Cost& cost) {
+SecretBytes scrypt(ByteView passphrase, ByteView salt, size_t length,
+                   const ScryptCost& cost) {
   std::unique_ptr<EVP_KDF, decltype(&EVP_KDF_free)> kdf(
-      EVP_KDF_fetch(nullptr, "ARGON2ID", nullptr), EVP_KDF_free);
-  if (!kdf) ossl::fail("ARGON2ID is not available");
+      EVP_KDF_fetch(nullptr, "SCRYPT", nullptr), EVP_KDF_free);
+  if (!kdf) ossl::fail("SCRYPT is not available");
   std::unique_ptr<EVP_KDF_CTX, decltype(&EVP_KDF_CTX_free)> ctx(
       EVP_KDF_CTX_new(kdf.get()), EVP_KDF_CTX_free);
   if (!ctx) ossl::fail("EVP_KDF_CTX_new");
-  uint32_t iterations = cost.iterations;
-  uint32_t memory = cost.memoryKiB;
-  uint32_t lanes = cost.lanes;
-  uint32_t threads = 1;
+  uint64_t n = uint64_t{1} << cost.log2N;
+  uint32_t r = cost.r;
+  uint32_t p = cost.p;
+  // Room for what these parameters need, and no more.
+  uint64_t maxmem = 256 * n * r * p + (1 << 20);
   const OSSL_PARAM params[] = {
       ossl::octets(OSSL_KDF_PARAM_PASSWORD, passphrase),
       ossl::octets(OSSL_KDF_PARAM_SALT, salt),
-      OSSL_PARAM_construct_uint32(OSSL_KDF_PARAM_ITER, &iterations),
-      OSSL_PARAM_construct_uint32(OSSL_KDF_PARAM_ARGON2_MEMCOST, &memory),
-      OSSL_PARAM_construct_uint32(OSSL_KDF_PARAM_ARGON2_LANES, &lanes),
-      OSSL_PARAM_construct_uint32(OSSL_KDF_PARAM_THREADS, &threads),
+      OSSL_PARAM_construct_uint64(OSSL_KDF_PARAM_SCRYPT_N, &n),
+      OSSL_PARAM_construct_uint32(OSSL_KDF_PARAM_SCRYPT_R, &r),
+      OSSL_PARAM_construct_uint32(OSSL_KDF_PARAM_SCRYPT_P, &p),
+      OSSL_PARAM_construct_uint64(OSSL_KDF_PARAM_SCRYPT_MAXMEM, &maxmem),
       OSSL_PARAM_construct_end(),
   };
   SecretBytes key(length);
   if (EVP_KDF_derive(ctx.get(), key.mutableData(), length, params) != 1) {
-    ossl::fail("Argon2id");
+    ossl::fail("scrypt");
   }
   return key;
 }
@@ -115,40 +116,38 @@ std::optional<SecretBytes> aesGcmOpen(ByteView key, ByteView nonce,
 }
 
 Bytes sealWithPassphrase(ByteView passphrase, ByteView plaintext,
-                         const Argon2Cost& cost) {
+                         const ScryptCost& cost) {
   Bytes out(kMagic, kMagic + sizeof kMagic);
-  putU32(out, cost.memoryKiB);
-  putU32(out, cost.iterations);
-  putU32(out, cost.lanes);
+  putU32(out, cost.log2N);
+  putU32(out, cost.r);
+  putU32(out, cost.p);
   const Bytes salt = Random::bytes(kSalt);
   const Bytes nonce = Random::bytes(kNonce);
   out.insert(out.end(), salt.begin(), salt.end());
   out.insert(out.end(), nonce.begin(), nonce.end());
-  const SecretBytes key = argon2id(passphrase, salt, 32, cost);
+  const SecretBytes key = scrypt(passphrase, salt, 32, cost);
   const Bytes sealed = aesGcmSeal(key.reveal(), nonce, out, plaintext);
   out.insert(out.end(), sealed.begin(), sealed.end());
   return out;
 }
 
 std::optional<SecretBytes> openWithPassphrase(ByteView passphrase,
-                                              ByteView sealed,
-                                              uint32_t maxMemoryKiB) {
+                                              ByteView sealed) {
   if (sealed.size() < kHeader + kTag ||
       std::memcmp(sealed.data(), kMagic, sizeof kMagic) != 0) {
     return std::nullopt;
   }
-  Argon2Cost cost;
-  cost.memoryKiB = getU32(sealed.data() + 4);
-  cost.iterations = getU32(sealed.data() + 8);
-  cost.lanes = getU32(sealed.data() + 12);
-  if (cost.memoryKiB > maxMemoryKiB || cost.iterations == 0 ||
-      cost.iterations > 64 || cost.lanes == 0 || cost.lanes > 16 ||
-      cost.memoryKiB < 8 * cost.lanes) {
+  ScryptCost cost;
+  cost.log2N = getU32(sealed.data() + 4);
+  cost.r = getU32(sealed.data() + 8);
+  cost.p = getU32(sealed.data() + 12);
+  if (cost.log2N < 1 || cost.log2N > 20 || cost.r == 0 || cost.r > 32 ||
+      cost.p == 0 || cost.p > 16) {
     return std::nullopt;
   }
   const ByteView salt = sealed.subspan(16, kSalt);
   const ByteView nonce = sealed.subspan(16 + kSalt, kNonce);
-  const SecretBytes key = argon2id(passphrase, salt, 32, cost);
+  const SecretBytes key = scrypt(passphrase, salt, 32, cost);
   return aesGcmOpen(key.reveal(), nonce, sealed.first(kHeader),
                     sealed.subspan(kHeader));
 }

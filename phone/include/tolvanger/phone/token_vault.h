@@ -1,7 +1,7 @@
 // Where the software phone keeps the tokens of its OAuth sign-ins so that
 // they outlive the process without ever being written in clear: one file in
 // the phone's home, "oauth-tokens.sealed" (mode 0600), sealed under the
-// person's passphrase with Argon2id and AES-256-GCM (kit/crypto/passphrase.h).
+// person's passphrase with scrypt and AES-256-GCM (kit/crypto/passphrase.h).
 //
 // Each `OAuthCredential` is a secret of the phone's list: its name, the
 // provider and abilities it was granted with (from which its access rules
@@ -49,9 +49,9 @@ class TokenVault {
   static constexpr int64_t kRefreshMargin = 60;
 
   // `passphrase` opens and seals the file; it is kept, wiped with the vault.
-  // The cost is for tests, which need not spend 64 MiB on every seal.
+  // The cost is for tests, which need not spend 32 MiB on every seal.
   TokenVault(PhoneHome home, SecretBytes passphrase,
-             crypto::Argon2Cost cost = {});
+             crypto::ScryptCost cost = {});
 
   // Every credential kept; empty when there is no file. Throws Refusal
   // ("The passphrase does not open <file>.") for a wrong passphrase or a
@@ -73,7 +73,7 @@ class TokenVault {
  private:
   PhoneHome home_;
   SecretBytes passphrase_;
-  crypto::Argon2Cost cost_;
+  crypto::ScryptCost cost_;
 };
 
 }  // namespace tolvanger::phone

@@ -1,6 +1,8 @@
-// Sealing bytes under a passphrase: Argon2id stretches the passphrase into a
+// Sealing bytes under a passphrase: scrypt stretches the passphrase into a
 // key (memory-hard, so guessing costs memory as well as time) and AES-256-GCM
-// seals with it. Both come from OpenSSL.
+// seals with it. Both come from OpenSSL. (OpenSSL's Argon2id draws its memory
+// from the secure heap when one is running, which the phone keeps small and
+// locked; scrypt uses ordinary memory, so it works beside that heap.)
 //
 // Thread safety: pure functions. They throw `CryptoError` only if OpenSSL
 // itself fails; a wrong passphrase or damaged bytes give nothing from `open`.
@@ -16,16 +18,17 @@
 
 namespace tolvanger::crypto {
 
-struct Argon2Cost {
-  // Memory in KiB, passes over it, and parallel lanes.
-  uint32_t memoryKiB = 64 * 1024;
-  uint32_t iterations = 3;
-  uint32_t lanes = 1;
+struct ScryptCost {
+  // N = 2^log2N, block size r and parallelism p; memory is 128 * N * r
+  // bytes: 32 MiB by default.
+  uint32_t log2N = 15;
+  uint32_t r = 8;
+  uint32_t p = 1;
 };
 
-// The Argon2id key of `length` bytes for `passphrase` and `salt`.
-SecretBytes argon2id(ByteView passphrase, ByteView salt, size_t length,
-                     const Argon2Cost& cost);
+// The scrypt key of `length` bytes for `passphrase` and `salt`.
+SecretBytes scrypt(ByteView passphrase, ByteView salt, size_t length,
+                   const ScryptCost& cost);
 
 // AES-256-GCM with a 32-byte key and 12-byte nonce: ciphertext then the
 // 16-byte tag.
@@ -39,12 +42,12 @@ std::optional<SecretBytes> aesGcmOpen(ByteView key, ByteView nonce,
 // numbers), a 16-byte salt, a 12-byte nonce, then the AES-GCM output; the
 // header is the associated data. Each seal draws a new salt and nonce.
 Bytes sealWithPassphrase(ByteView passphrase, ByteView plaintext,
-                         const Argon2Cost& cost = {});
-// Nothing for a wrong passphrase, damaged bytes, or a cost above
-// `maxMemoryKiB` (so a planted file cannot make the phone allocate without
-// bound).
-std::optional<SecretBytes> openWithPassphrase(
-    ByteView passphrase, ByteView sealed, uint32_t maxMemoryKiB = 1024 * 1024);
+                         const ScryptCost& cost = {});
+// Nothing for a wrong passphrase, damaged bytes, or a cost beyond 2^20 for
+// N, 32 for r or 16 for p (so a planted file cannot make the phone allocate
+// or compute without bound).
+std::optional<SecretBytes> openWithPassphrase(ByteView passphrase,
+                                              ByteView sealed);
 
 }  // namespace tolvanger::crypto
 
