@@ -74,6 +74,9 @@ constexpr const char* kUsage =
     "                                 flow, or code flow with a pasted\n"
     "                                 callback); keeps the tokens sealed\n"
     "                                 under a passphrase, asked for first\n"
+    "  callback <url>                 hand a tolvanger:// address to the\n"
+    "                                 sign-in that waits (the desktop's\n"
+    "                                 handler runs this)\n"
     "\n"
     "Picks, confirmations, credential values and cookie headers are read\n"
     "from standard input, one line each; values and cookie headers are never\n"
@@ -245,7 +248,9 @@ int signin(const Options& options, std::vector<std::string> args) {
     std::printf("%s\n", text.c_str());
     std::fflush(stdout);
   };
-  prompts.callback = [] { return console.line(); };
+  prompts.callback = [&home] {
+    return tolvanger::phone::awaitCallback(home, STDIN_FILENO);
+  };
   prompts.open = [](const std::string& url) {
     tolvanger::phone::openWithDesktop(url);
   };
@@ -269,6 +274,12 @@ int signin(const Options& options, std::vector<std::string> args) {
   } else {
     std::printf("This phone is not paired; the list is kept here.\n");
   }
+  return 0;
+}
+
+int callback(std::vector<std::string> args) {
+  expectArguments(args, 1, "callback needs the address");
+  tolvanger::phone::deliverCallback(PhoneHome::open(), args[0]);
   return 0;
 }
 
@@ -444,6 +455,7 @@ int main(int argc, char** argv) {
     if (command == "deny") return deny(options, std::move(args));
     if (command == "secrets") return secrets(options, std::move(args));
     if (command == "signin") return signin(options, std::move(args));
+    if (command == "callback") return callback(std::move(args));
     throw UsageError("unknown command " + command);
   } catch (const UsageError& error) {
     std::fprintf(stderr, "tolvanger-phone: %s (see tolvanger-phone --help)\n",

@@ -1,8 +1,13 @@
 #include "tolvanger/phone/oauth_signin.h"
 
+#include <fcntl.h>
+#include <poll.h>
 #include <spawn.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
@@ -111,6 +116,94 @@ bool openWithDesktop(const std::string& url) {
   int status = 0;
   ::waitpid(pid, &status, WNOHANG);
   return true;
+}
+
+std::string callbackPipe(const PhoneHome& home) {
+  return home.file("oauth-callback.pipe");
+}
+
+std::optional<std::string> awaitCallback(const PhoneHome& home, int input) {
+  const std::string path = callbackPipe(home);
+  ::unlink(path.c_str());
+  if (::mkfifo(path.c_str(), 0600) != 0) {
+    throw Refusal("Could not make " + path + " to wait for the address.");
+  }
+  // Opened for writing too, so the pipe never reads as closed between two
+  // handlers and poll does not spin.
+  const int pipe = ::open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+  if (pipe < 0) {
+    ::unlink(path.c_str());
+    throw Refusal("Could not open " + path + " to wait for the address.");
+  }
+  std::string line;
+  std::optional<std::string> result;
+  bool fromInput = false;
+  bool done = false;
+  while (!done) {
+    pollfd fds[2] = {{input, POLLIN, 0}, {pipe, POLLIN, 0}};
+    if (::poll(fds, 2, -1) < 0) {
+      if (errno == EINTR) continue;
+      break;
+    }
+    const int ready = (fds[0].revents & (POLLIN | POLLHUP)) ? input : pipe;
+    if (ready == pipe && !(fds[1].revents & POLLIN)) continue;
+    if (ready == input) fromInput = true;
+    char c = 0;
+    for (;;) {
+      const ssize_t n = ::read(ready, &c, 1);
+      if (n < 0 && errno == EINTR) continue;
+      if (n < 0 && errno == EAGAIN) break;
+      if (n <= 0) {
+        // The end of input: what was read so far is the last line.
+        if (fromInput) {
+          if (!line.empty()) result = line;
+          done = true;
+        }
+        break;
+      }
+      if (c == '\n') {
+        result = line;
+        done = true;
+        break;
+      }
+      if (line.size() > OAuthFlow::kMaxCallback) {
+        result = line;
+        done = true;
+        break;
+      }
+      if (c != '\r') line.push_back(c);
+    }
+  }
+  ::close(pipe);
+  ::unlink(path.c_str());
+  return result;
+}
+
+void deliverCallback(const PhoneHome& home, std::string_view url) {
+  if (url.size() > OAuthFlow::kMaxCallback || url.find('\n') != url.npos) {
+    throw Refusal("That is not an address a sign-in can take.");
+  }
+  const std::string path = callbackPipe(home);
+  const int fd = ::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+  struct stat st {};
+  if (fd < 0 || ::fstat(fd, &st) != 0 || !S_ISFIFO(st.st_mode)) {
+    if (fd >= 0) ::close(fd);
+    throw Refusal(
+        "No sign-in is waiting for this address; start tolvanger-phone "
+        "signin first.");
+  }
+  const std::string line = std::string(url) + "\n";
+  size_t at = 0;
+  while (at < line.size()) {
+    const ssize_t n = ::write(fd, line.data() + at, line.size() - at);
+    if (n < 0 && (errno == EINTR || errno == EAGAIN)) continue;
+    if (n <= 0) break;
+    at += static_cast<size_t>(n);
+  }
+  ::close(fd);
+  if (at != line.size()) {
+    throw Refusal("The address could not be handed to the sign-in.");
+  }
 }
 
 std::optional<std::string> oauthProviderOf(const PhoneHome& home,

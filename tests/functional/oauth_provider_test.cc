@@ -373,5 +373,53 @@ TEST(OAuthSignIn, DeviceSignInReleasesTheTokenOnlyWhereTheAbilityReaches) {
   }
 }
 
+// The code flow in the software phone, with the callback handed over as the
+// desktop's tolvanger:// handler does it.
+TEST(OAuthSignIn, CodeFlowTakesTheCallbackFromTheSchemeHandler) {
+  TempDir dir;
+  OIDCServer server(dir);
+  const std::string phoneHome = dir.file("phone");
+  fs::create_directory(phoneHome);
+  std::ofstream(phoneHome + "/oauth.json") << nlohmann::json{
+      {"providers",
+       {{"gitlab",
+         {{"client_id", "tolvanger-keeping"},
+          {"hosts", {{"auth", server.host()}, {"api", "gitlab.test"}}}}}}},
+      {"ca_file", server.caFile()}};
+  // No sign-in waits yet.
+  EXPECT_EQ(
+      runPhone(phoneHome, {"callback", "tolvanger://oauth/gitlab"}).status, 1);
+
+  Child signin(
+      {TOLVANGER_PHONE_BIN, "signin", "gitlab", "gl", "--ability", "read"},
+      {{"TOLVANGER_PHONE_HOME", phoneHome}});
+  signin.write("passphrase\n");
+  std::string page;
+  while (const std::optional<std::string> line = signin.readLine()) {
+    if (line->starts_with("https://")) {
+      page = *line;
+      break;
+    }
+  }
+  ASSERT_FALSE(page.empty());
+  Browser person(server.caFile());
+  const std::string callback = person.followTo(page, "tolvanger://");
+  ASSERT_FALSE(callback.empty());
+  // The pipe appears once the sign-in waits for the address.
+  while (inBudget() && !fs::exists(phoneHome + "/oauth-callback.pipe")) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  const Ran handed = runPhone(phoneHome, {"callback", callback});
+  ASSERT_EQ(handed.status, 0) << handed.err;
+  const Ran signedIn = signin.wait(std::chrono::seconds(30));
+  ASSERT_EQ(signedIn.status, 0) << signedIn.err;
+  EXPECT_NE(signedIn.out.find("GET on gitlab.test under /api/"),
+            std::string::npos)
+      << signedIn.out;
+  EXPECT_FALSE(fs::exists(phoneHome + "/oauth-callback.pipe"));
+  const Ran listed = runPhone(phoneHome, {"secrets", "list"});
+  EXPECT_EQ(listed.out, "gl\tbearer\tgitlab.test\n");
+}
+
 }  // namespace
 }  // namespace tolvanger::testing

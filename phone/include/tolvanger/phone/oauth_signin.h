@@ -52,6 +52,17 @@ OAuthCredential signIn(const OAuthDeployment& deployment,
 // is set; false when it was not started.
 bool openWithDesktop(const std::string& url);
 
+// The named pipe in the home through which the tolvanger:// handler hands a
+// callback address to the sign-in that waits for it.
+std::string callbackPipe(const PhoneHome& home);
+// Waits for the callback address: a line on `input` (pasted) or one written
+// to the callback pipe, which exists only while this waits. Nothing at the
+// end of input.
+std::optional<std::string> awaitCallback(const PhoneHome& home, int input);
+// Hands `url` to the sign-in that waits. Throws Refusal when none waits or
+// the address is too long to be a callback.
+void deliverCallback(const PhoneHome& home, std::string_view url);
+
 // The provider of the credential `name` made by a sign-in, or nothing.
 std::optional<std::string> oauthProviderOf(const PhoneHome& home,
                                            std::string_view name);
