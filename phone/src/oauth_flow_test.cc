@@ -3,11 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <map>
-#include <mutex>
 
 #include "https_upstream.h"
 #include "testing/temp_home.h"
 #include "tolvanger/kit/bytes.h"
+#include "tolvanger/kit/mutex.h"
 
 namespace tolvanger::phone {
 namespace {
@@ -172,9 +172,9 @@ TEST(DeviceCodeParse, NeedsCodesAnHttpsPageAndALifetime) {
       {R"({"device_code":"d","user_code":"u","verification_uri":"https://x"})",
        "the device-code answer carried no lifetime"},
   };
-  for (const auto& [answer, sentence] : cases) {
-    EXPECT_STREQ(oauthError([&] { DeviceCode::parse(answer, 0); }).what(),
-                 sentence.c_str());
+  for (const auto& c : cases) {
+    EXPECT_STREQ(oauthError([&] { DeviceCode::parse(c.first, 0); }).what(),
+                 c.second.c_str());
   }
 }
 
@@ -253,15 +253,15 @@ TEST(OAuthFlowOnTheWire, BasicClientAuthHasAnEmptyPassword) {
 }
 
 TEST(OAuthFlowOnTheWire, TwoSlowDownsAddTenSeconds) {
-  std::mutex mu;
-  int polls = 0;
+  Mutex mu;
+  int polls = 0;  // guarded by mu
   ProviderServer server([&](const HTTPSUpstream::Received& r) {
     if (r.target == "/login/device/code") {
       return json(200, R"({"device_code":"dc","user_code":"WXYZ-1234",
           "verification_uri":"https://login.example/device","expires_in":900,
           "interval":5})");
     }
-    std::lock_guard lock(mu);
+    MutexLock lock(mu);
     ++polls;
     if (polls == 1) return json(400, R"({"error":"authorization_pending"})");
     if (polls <= 3) return json(400, R"({"error":"slow_down"})");
