@@ -4,7 +4,6 @@
 #include <poll.h>
 #include <spawn.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -111,10 +110,9 @@ bool openWithDesktop(const std::string& url) {
                    const_cast<char* const*>(argv), environ) != 0) {
     return false;
   }
-  // xdg-open hands the page to the browser and ends; it is reaped in the
-  // background so that no zombie waits for this process.
-  int status = 0;
-  ::waitpid(pid, &status, WNOHANG);
+  // xdg-open hands the page to the browser and ends soon; it is not waited
+  // for, since the sign-in must go on at once, and is reaped when this
+  // short-lived command ends.
   return true;
 }
 

@@ -13,6 +13,7 @@
 #include "https_upstream.h"
 #include "tolvanger/kit/clock.h"
 #include "tolvanger/phone/oauth_flow.h"
+#include "tolvanger/phone/token_vault.h"
 
 namespace tolvanger::testing {
 namespace {
@@ -364,11 +365,35 @@ TEST(OAuthSignIn, DeviceSignInReleasesTheTokenOnlyWhereTheAbilityReaches) {
   ASSERT_TRUE(header.starts_with("Bearer ")) << header;
   const std::string token = header.substr(7);
   EXPECT_GE(token.size(), 20u);
+
+  // Once the token has run out, the next approval refreshes it first and
+  // releases the new one.
+  const phone::TokenVault vault(phone::PhoneHome::open(phoneHome),
+                                SecretBytes(asBytes(phrase)));
+  phone::OAuthCredential held = *vault.find("gh");
+  held.tokens.expiresAt = 0;
+  vault.put(held);
+  const nlohmann::json next = ask("GET", "https://" + api.netloc() + "/user");
+  ASSERT_EQ(next["ok"], true) << next;
+  const Ran refreshed = runPhone(phoneHome, {"approve", next["request_id"]},
+                                 "approve\n" + phrase + "\n");
+  ASSERT_EQ(refreshed.status, 0) << refreshed.err;
+  EXPECT_EQ(
+      agent.call({{"op", "proxy.perform"}, {"id", next["request_id"]}})["ok"],
+      true);
+  ASSERT_EQ(api.received().size(), 2u);
+  const std::string fresh =
+      api.received()[1].headers.at("authorization").substr(7);
+  EXPECT_NE(fresh, token);
+  EXPECT_EQ(vault.find("gh")->tokens.accessToken, fresh);
+  EXPECT_GT(vault.find("gh")->tokens.expiresAt, SystemClock::seconds());
+
   ASSERT_EQ(service.stop(), 0);
-  // The token is in no file of either side.
+  // Neither token is in any file of either side.
   for (const std::string& root : {home, phoneHome}) {
     for (const std::string& file : filesBelow(root)) {
       EXPECT_EQ(readFile(file).find(token), std::string::npos) << file;
+      EXPECT_EQ(readFile(file).find(fresh), std::string::npos) << file;
     }
   }
 }
