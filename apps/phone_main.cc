@@ -38,6 +38,7 @@
 #include "tolvanger/kit/secure_memory.h"
 #include "tolvanger/kit/sign_in.h"
 #include "tolvanger/phone/console.h"
+#include "tolvanger/phone/oauth_signin.h"
 #include "tolvanger/phone/phone_home.h"
 #include "tolvanger/phone/sealed_road.h"
 #include "tolvanger/phone/software_phone.h"
@@ -68,6 +69,14 @@ constexpr const char* kUsage =
     "[--host H2 ...]\n"
     "  secrets remove <name>\n"
     "  secrets list\n"
+    "  signin <provider> <name> --ability A [--ability B ...]\n"
+    "                                 sign in to an OAuth provider (device\n"
+    "                                 flow, or code flow with a pasted\n"
+    "                                 callback); keeps the tokens sealed\n"
+    "                                 under a passphrase, asked for first\n"
+    "  callback <url>                 hand a tolvanger:// address to the\n"
+    "                                 sign-in that waits (the desktop's\n"
+    "                                 handler runs this)\n"
     "\n"
     "Picks, confirmations, credential values and cookie headers are read\n"
     "from standard input, one line each; values and cookie headers are never\n"
@@ -182,6 +191,98 @@ void announce(SoftwarePhone& phone, SecretList& list) {
               list.entries.size() == 1 ? "" : "s");
 }
 
+// The passphrase that seals this phone's sign-ins, from standard input.
+SecretBytes passphrase() {
+  console.ask("Passphrase for this phone's sign-ins: ");
+  SecretBytes phrase = console.secretLine();
+  if (phrase.empty()) {
+    throw Refusal("No passphrase was given, so no sign-in was opened.");
+  }
+  return phrase;
+}
+
+int64_t nowSeconds() {
+  return std::chrono::duration_cast<std::chrono::seconds>(
+             std::chrono::system_clock::now().time_since_epoch())
+      .count();
+}
+
+// The value to release for `name`: the access token of a sign-in, refreshed
+// when it has run out, or else what the person types.
+SecretBytes valueOf(const PhoneHome& home, const std::string& name) {
+  if (const auto provider = tolvanger::phone::oauthProviderOf(home, name)) {
+    const tolvanger::phone::OAuthDeployment deployment =
+        tolvanger::phone::OAuthDeployment::load(
+            tolvanger::phone::oauthConfigPath(home));
+    const tolvanger::phone::OAuthFlow flow(
+        deployment.provider(*provider), deployment.clientID(*provider),
+        std::make_shared<tolvanger::phone::CurlTokenTransport>(
+            deployment.caFile()));
+    const tolvanger::phone::TokenVault vault(home, passphrase());
+    std::string token = vault.accessToken(name, flow, nowSeconds());
+    SecretBytes value(tolvanger::asBytes(token));
+    tolvanger::wipe(token);
+    return value;
+  }
+  console.ask("Type the value of " + name + ": ");
+  return console.secretLine();
+}
+
+int signin(const Options& options, std::vector<std::string> args) {
+  std::vector<std::string> abilities;
+  while (std::optional<std::string> ability = takeOption(args, "--ability")) {
+    abilities.push_back(*ability);
+  }
+  expectArguments(args, 2, "signin needs a provider and a name");
+  const PhoneHome home = PhoneHome::open();
+  SecretEntry check{args[1], "bearer", {}, {}, {}, {}};
+  check.check();
+  const tolvanger::phone::OAuthDeployment deployment =
+      tolvanger::phone::OAuthDeployment::load(
+          tolvanger::phone::oauthConfigPath(home));
+  const tolvanger::phone::TokenVault vault(home, passphrase());
+  // A wrong passphrase is found now, before the person signs in.
+  vault.load();
+  tolvanger::phone::SignInPrompts prompts;
+  prompts.say = [](const std::string& text) {
+    std::printf("%s\n", text.c_str());
+    std::fflush(stdout);
+  };
+  prompts.callback = [&home] {
+    return tolvanger::phone::awaitCallback(home, STDIN_FILENO);
+  };
+  prompts.open = [](const std::string& url) {
+    tolvanger::phone::openWithDesktop(url);
+  };
+  tolvanger::phone::OAuthCredential credential = tolvanger::phone::signIn(
+      deployment, args[0], args[1], abilities, prompts);
+  const SecretEntry entry =
+      credential.entry(deployment.provider(credential.provider));
+  vault.put(credential);
+  tolvanger::phone::rememberOAuthName(home, credential.name,
+                                      credential.provider);
+  SecretList list = home.secrets();
+  list.put(entry);
+  home.saveSecrets(list);
+  std::printf("Signed in; %s may be used for:\n", entry.name.c_str());
+  for (const tolvanger::AccessRule& rule : entry.rules) {
+    std::printf("  %s\n", rule.sentence().c_str());
+  }
+  if (home.pairing()) {
+    SoftwarePhone phone(home, options.clear);
+    announce(phone, list);
+  } else {
+    std::printf("This phone is not paired; the list is kept here.\n");
+  }
+  return 0;
+}
+
+int callback(std::vector<std::string> args) {
+  expectArguments(args, 1, "callback needs the address");
+  tolvanger::phone::deliverCallback(PhoneHome::open(), args[0]);
+  return 0;
+}
+
 int approve(const Options& options, std::vector<std::string> args) {
   std::optional<int64_t> hold;
   if (const std::optional<std::string> text = takeOption(args, "--hold")) {
@@ -231,8 +332,7 @@ int approve(const Options& options, std::vector<std::string> args) {
   if (const std::optional<std::string> name = request.credentialName();
       name && !ask) {
     const std::string kind = phone.home().secrets().kindOf(*name);
-    console.ask("Type the value of " + *name + ": ");
-    const SecretBytes value = console.secretLine();
+    const SecretBytes value = valueOf(phone.home(), *name);
     if (value.empty()) {
       throw Refusal("No value was given for " + *name +
                     ", so nothing was signed.");
@@ -354,6 +454,8 @@ int main(int argc, char** argv) {
     if (command == "approve") return approve(options, std::move(args));
     if (command == "deny") return deny(options, std::move(args));
     if (command == "secrets") return secrets(options, std::move(args));
+    if (command == "signin") return signin(options, std::move(args));
+    if (command == "callback") return callback(std::move(args));
     throw UsageError("unknown command " + command);
   } catch (const UsageError& error) {
     std::fprintf(stderr, "tolvanger-phone: %s (see tolvanger-phone --help)\n",

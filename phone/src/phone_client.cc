@@ -11,6 +11,7 @@
 #include "tolvanger/kit/clock.h"
 #include "tolvanger/kit/curl_memory.h"
 #include "tolvanger/kit/ids.h"
+#include "tolvanger/phone/oauth_flow.h"
 
 namespace tolvanger::phone {
 
@@ -532,6 +533,9 @@ Failure of(const std::exception& error) {
   }
   if (const auto* transport = dynamic_cast<const TransportError*>(&error)) {
     return {transportSentence(transport->code()), std::move(detail), false};
+  }
+  if (dynamic_cast<const OAuthError*>(&error)) {
+    return {finish(detail), std::move(detail), false};
   }
   return {"Something went wrong.", std::move(detail), false};
 }

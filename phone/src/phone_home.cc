@@ -99,7 +99,8 @@ void SecretList::checkSession(const SignInAsk& ask) const {
 }
 
 void SecretList::putSession(const SignInAsk& ask, int64_t now) {
-  put(SecretEntry{ask.secret, "cookie", {ask.host}, now, "tolvanger-phone"});
+  put(SecretEntry{
+      ask.secret, "cookie", {ask.host}, now, "tolvanger-phone", {}});
 }
 
 json SecretList::announcement() const {
@@ -108,6 +109,7 @@ json SecretList::announcement() const {
     json item = {{"name", e.name}, {"kind", e.kind}, {"hosts", e.hosts}};
     if (e.signedInAt) item["signed_in_at"] = *e.signedInAt;
     if (e.userAgent) item["user_agent"] = *e.userAgent;
+    if (!e.rules.empty()) item["rules"] = AccessRule::asList(e.rules);
     list.push_back(std::move(item));
   }
   return list;
@@ -270,7 +272,7 @@ SecretList PhoneHome::secrets() const {
     const std::string* name = PhoneJSON::text(item, "name");
     const std::string* kind = PhoneJSON::text(item, "kind");
     if (name == nullptr || kind == nullptr) continue;
-    SecretEntry entry{*name, *kind, {}, std::nullopt, std::nullopt};
+    SecretEntry entry{*name, *kind, {}, std::nullopt, std::nullopt, {}};
     entry.signedInAt = PhoneJSON::integer(item, "signed_in_at");
     if (const std::string* agent = PhoneJSON::text(item, "user_agent")) {
       entry.userAgent = *agent;
@@ -279,6 +281,14 @@ SecretList PhoneHome::secrets() const {
         hosts != item.end() && hosts->is_array()) {
       for (const json& host : *hosts) {
         if (host.is_string()) entry.hosts.push_back(host.get<std::string>());
+      }
+    }
+    if (const auto rules = item.find("rules");
+        rules != item.end() && rules->is_array()) {
+      for (const json& rule : *rules) {
+        if (auto parsed = AccessRule::parse(rule)) {
+          entry.rules.push_back(*std::move(parsed));
+        }
       }
     }
     list.put(std::move(entry));

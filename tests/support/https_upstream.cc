@@ -189,6 +189,10 @@ struct HTTPSUpstream::State {
   Handler handler;
   Context context{nullptr, SSL_CTX_free};
   std::string caPEM;
+  // The server's own certificate and key, for another test server that
+  // should be trusted through the same CA.
+  std::string leafPEM;
+  std::string leafKeyPEM;
   int listener = -1;
   int wake[2] = {-1, -1};
   int port = 0;
@@ -360,6 +364,18 @@ HTTPSUpstream::HTTPSUpstream(Handler handler,
   const Cert leaf =
       makeCert(leafKey.get(), "localhost", ca.get(), caKey.get(), 2, alsoNames);
   s.caPEM = pemOf(ca.get());
+  s.leafPEM = pemOf(leaf.get());
+  {
+    std::unique_ptr<BIO, decltype(&BIO_free)> bio(BIO_new(BIO_s_mem()),
+                                                  BIO_free);
+    if (!bio || !PEM_write_bio_PrivateKey(bio.get(), leafKey.get(), nullptr,
+                                          nullptr, 0, nullptr, nullptr)) {
+      fail("cannot write the key");
+    }
+    char* data = nullptr;
+    const long size = BIO_get_mem_data(bio.get(), &data);
+    s.leafKeyPEM.assign(data, static_cast<size_t>(size));
+  }
 
   s.context.reset(SSL_CTX_new(TLS_server_method()));
   if (!s.context ||
@@ -440,6 +456,19 @@ void HTTPSUpstream::writeCA(const std::string& path) const {
   }
   if (::chmod(path.c_str(), 0644) != 0) {
     throw std::runtime_error("HTTPSUpstream: cannot chmod " + path);
+  }
+}
+
+void HTTPSUpstream::writeServerIdentity(const std::string& certPath,
+                                        const std::string& keyPath) const {
+  for (const auto& [path, text] : {std::pair{certPath, state_->leafPEM},
+                                   std::pair{keyPath, state_->leafKeyPEM}}) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << text;
+    out.close();
+    if (!out || ::chmod(path.c_str(), 0600) != 0) {
+      throw std::runtime_error("HTTPSUpstream: cannot write " + path);
+    }
   }
 }
 

@@ -66,6 +66,11 @@ class HTTPSUpstream {
   const std::string& caPEM() const;
   // Writes the CA certificate to `path` (mode 0644). Throws on failure.
   void writeCA(const std::string& path) const;
+  // Writes this server's certificate (for "localhost" and 127.0.0.1) and its
+  // private key in PEM form (mode 0600), so that another local server can
+  // serve under the same CA. Throws on failure.
+  void writeServerIdentity(const std::string& certPath,
+                           const std::string& keyPath) const;
 
   // Copies of everything received so far, in order.
   std::vector<Received> received() const;

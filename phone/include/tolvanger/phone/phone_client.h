@@ -287,8 +287,8 @@ std::string finish(std::string_view text);
 Failure signing(const SignerError& error, std::string detail);
 
 // The sentence for any error: RequestError by its kind, SignerError as
-// `signing`, TransportError by its code, anything else "Something went
-// wrong.".
+// `signing`, TransportError by its code, OAuthError as `finish` of its
+// description, anything else "Something went wrong.".
 Failure of(const std::exception& error);
 // As above for a caught exception; a non-standard one is "Something went
 // wrong." with an empty detail.

@@ -32,6 +32,7 @@
 #include <string_view>
 #include <vector>
 
+#include "tolvanger/kit/access_rule.h"
 #include "tolvanger/kit/bytes.h"
 #include "tolvanger/kit/crypto/xwing.h"
 #include "tolvanger/kit/sign_in.h"
@@ -82,6 +83,9 @@ struct SecretEntry {
   // For a site session: when it was signed in, and the browser that did it.
   std::optional<int64_t> signedInAt;
   std::optional<std::string> userAgent;
+  // Finer rules, for a credential granted with an ability: where and how it
+  // may be used. Empty means anywhere on `hosts`.
+  std::vector<AccessRule> rules;
 
   // A host as a person typed it, lower-cased (ASCII only). Throws Refusal
   // ("That is not a host: "<text>".") when it is empty or holds "/", a
@@ -116,8 +120,9 @@ struct SecretList {
   // Records the session of a sign-in as a "cookie" secret for its host.
   void putSession(const SignInAsk& ask, int64_t now);
 
-  // The list as the Mac reads it: objects with "name", "kind", "hosts" and,
-  // for a session, "signed_in_at" and "user_agent".
+  // The list as the Mac reads it: objects with "name", "kind", "hosts",
+  // "rules" when there are any and, for a session, "signed_in_at" and
+  // "user_agent".
   nlohmann::json announcement() const;
 };
 
@@ -164,6 +169,11 @@ class PhoneHome {
   SoftwareSigner signer() const;
 
  private:
+  // The vault keeps its sealed file through the home's reads and writes.
+  friend class TokenVault;
+  friend void rememberOAuthName(const PhoneHome&, std::string_view,
+                                std::string_view);
+
   explicit PhoneHome(std::string path) : path_(std::move(path)) {}
 
   // A file's bytes in wipeable memory; nothing if it does not exist.
