@@ -213,6 +213,9 @@ class ServiceAllowanceTest : public ::testing::Test {
 };
 
 TEST_F(ServiceAllowanceTest, AHoldOpensOneThatSettlesTheNextRequestAtOnce) {
+  std::vector<json> events;
+  const int64_t sink =
+      service->subscribe([&](const json& event) { events.push_back(event); });
   const StoredRequest first = raise(self);
   EXPECT_EQ(approveWithHold(first, 7200)["allowances"], 1);
   EXPECT_NE(file("journal.log")
@@ -246,6 +249,15 @@ TEST_F(ServiceAllowanceTest, AHoldOpensOneThatSettlesTheNextRequestAtOnce) {
             std::string::npos);
   EXPECT_EQ(service->status()["allowances"], 0);
   EXPECT_FALSE(service->useAllowance("sheets", self).has_value());
+  ASSERT_EQ(events.size(), 3u);
+  EXPECT_EQ(events[1], json({{"event", "decided"},
+                             {"request_id", second.id},
+                             {"state", "approved"},
+                             {"credential", true}}));
+  EXPECT_EQ(events[2], json({{"event", "allowance.ended"},
+                             {"request_id", first.id},
+                             {"why", "phone"}}));
+  service->unsubscribe(sink);
   EXPECT_EQ(file("journal.log").find(value), std::string::npos);
 }
 
