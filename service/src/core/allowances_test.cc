@@ -112,24 +112,6 @@ TEST_F(AllowancesTest, TimeAndAGoneProcessEndThemAtTheNextSweep) {
   EXPECT_EQ(allowances.all()[0].requestID, "r3");
 }
 
-TEST_F(AllowancesTest, EndingOneOrAllTellsWhyOnceEach) {
-  open("r1", "sheets", agent);
-  open("r2", "mail", agent);
-  open("r3", "drive", agent);
-  EXPECT_FALSE(allowances.end("r9", "phone").has_value());
-  EXPECT_EQ(allowances.end("r2", "phone")->name, "mail");
-  EXPECT_FALSE(allowances.end("r2", "phone").has_value());
-  const auto all = allowances.endAll("stopped");
-  ASSERT_EQ(all.size(), 2u);
-  EXPECT_EQ(all[0].requestID, "r1");
-  EXPECT_EQ(all[1].requestID, "r3");
-  ASSERT_EQ(endings.size(), 3u);
-  EXPECT_EQ(endings[0].why, "phone");
-  EXPECT_EQ(endings[2].why, "stopped");
-  EXPECT_EQ(used("sheets", agent), "<none>");
-  EXPECT_TRUE(allowances.endAll("stopped").empty());
-}
-
 // Opening, drawing, sweeping and ending from many threads at once: every
 // allowance ends exactly once, and the hook may call back in.
 TEST(AllowancesRaceTest, ManyThreadsEndEachAllowanceOnce) {
