@@ -65,6 +65,9 @@ constexpr const char* kUsage =
     "                                 (a sign-in then asks for the site's\n"
     "                                 cookie header)\n"
     "  deny <id>                      deny it\n"
+    "  allowances                     list what may be used again without\n"
+    "                                 asking: id, name, client, seconds, uses\n"
+    "  end-allowance <id>             end one now\n"
     "  secrets add <name> [--kind bearer|basic|api_key|cookie] --host H "
     "[--host H2 ...]\n"
     "  secrets remove <name>\n"
@@ -375,6 +378,34 @@ int deny(const Options& options, std::vector<std::string> args) {
   return 0;
 }
 
+int allowances(const Options& options, std::vector<std::string> args) {
+  expectArguments(args, 0, "allowances takes no arguments");
+  SoftwarePhone phone(PhoneHome::open(), options.clear);
+  const int64_t now = std::chrono::duration_cast<std::chrono::seconds>(
+                          std::chrono::system_clock::now().time_since_epoch())
+                          .count();
+  for (const auto& open : phone.allowances()) {
+    std::printf("%s\t%s\t%s\t%lld\t%lld\n", open.requestID.c_str(),
+                open.name.c_str(),
+                open.client.empty() ? "-" : open.client.c_str(),
+                static_cast<long long>(open.secondsLeft(now)),
+                static_cast<long long>(open.uses));
+  }
+  return 0;
+}
+
+int endAllowance(const Options& options, std::vector<std::string> args) {
+  expectArguments(args, 1, "end-allowance needs the id of its request");
+  requireRequestID(args[0]);
+  SoftwarePhone phone(PhoneHome::open(), options.clear);
+  if (!phone.endAllowance(args[0])) {
+    throw Refusal("No allowance " + args[0] +
+                  " is open on the Mac; it may have ended already.");
+  }
+  std::printf("Ended.\n");
+  return 0;
+}
+
 int secrets(const Options& options, std::vector<std::string> args) {
   if (args.empty()) throw UsageError("secrets needs add, remove or list");
   const std::string verb = args[0];
@@ -453,6 +484,10 @@ int main(int argc, char** argv) {
     if (command == "show") return show(options, std::move(args));
     if (command == "approve") return approve(options, std::move(args));
     if (command == "deny") return deny(options, std::move(args));
+    if (command == "allowances") return allowances(options, std::move(args));
+    if (command == "end-allowance") {
+      return endAllowance(options, std::move(args));
+    }
     if (command == "secrets") return secrets(options, std::move(args));
     if (command == "signin") return signin(options, std::move(args));
     if (command == "callback") return callback(std::move(args));

@@ -25,6 +25,7 @@
 #include "tolvanger/kit/secure_memory.h"
 #include "tolvanger/port/memory.h"
 #include "tolvanger/service/admin.h"
+#include "tolvanger/service/allowance_watch.h"
 #include "tolvanger/service/config.h"
 #include "tolvanger/service/home.h"
 #include "tolvanger/service/mcp_server.h"
@@ -140,6 +141,10 @@ int serve(const std::vector<std::string_view>& args) {
   }
   Runtime runtime(Home::standard(), std::nullopt, std::move(upstream));
   runtime.start();
+  // Allowances end on their own time, with their process, and when the
+  // machine sleeps or the session locks, while this process serves.
+  tolvanger::service::AllowanceWatch watch(runtime.service());
+  watch.start();
   if (!quiet) {
     const auto& service = runtime.service();
     std::printf("tolvanger-service is running\n  home:   %s\n  socket: %s\n",
@@ -154,6 +159,7 @@ int serve(const std::vector<std::string_view>& args) {
   }
   int sig = 0;
   sigwait(&stopSignals, &sig);
+  watch.stop();
   runtime.stop();
   return 0;
 }

@@ -96,6 +96,20 @@ json SoftwarePhone::deny(std::string_view id,
                  : plain_->deny(id, drawnAt, DrawnFrom::kPoll);
 }
 
+std::vector<OpenAllowance> SoftwarePhone::allowances() {
+  connect();
+  PendingList list = sealed_ ? sealed_->pending() : sealedRoad()->pending();
+  return list.allowances.value_or(std::vector<OpenAllowance>{});
+}
+
+bool SoftwarePhone::endAllowance(std::string_view requestID) {
+  connect();
+  const json answer = sealed_ ? sealed_->endAllowance(requestID)
+                              : sealedRoad()->endAllowance(requestID);
+  const auto ended = answer.find("ended");
+  return ended != answer.end() && ended->is_boolean() && ended->get<bool>();
+}
+
 void SoftwarePhone::announce(SecretList& list) {
   if (!pairing_) pairing_ = home_.pairing();
   if (!pairing_) {

@@ -46,6 +46,9 @@ void Runtime::stop() {
   running_ = false;
   http_->stop();
   agents_->stop();
+  // Allowances hold copies of values: they end, and say so, before the
+  // credentials are wiped.
+  service_->endAllowances("stopped");
   service_->scrubCredentials();
   service_->record("stopped", {});
 }

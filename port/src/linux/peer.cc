@@ -86,6 +86,18 @@ std::optional<int64_t> processStartMicros(pid_t pid) {
   return *boot * 1000000 + static_cast<int64_t>(ticks) * 1000000 / hz;
 }
 
+bool processHasExited(pid_t pid) {
+  if (pid <= 0) return true;
+  std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+  std::string line;
+  if (!std::getline(in, line)) return true;
+  const auto close = line.rfind(')');
+  if (close == std::string::npos || close + 2 >= line.size()) return true;
+  // Field 3, after the command name, is the state letter.
+  const char state = line[close + 2];
+  return state == 'Z' || state == 'X' || state == 'x';
+}
+
 uid_t currentUid() { return geteuid(); }
 
 }  // namespace tolvanger::port

@@ -14,7 +14,8 @@ std::optional<AgentProcess> AgentProcess::of(pid_t pid) {
 
 bool AgentProcess::isAlive() const {
   const auto now = of(pid);
-  return now.has_value() && now->startedAt == startedAt;
+  return now.has_value() && now->startedAt == startedAt &&
+         !port::processHasExited(pid);
 }
 
 }  // namespace tolvanger::service

@@ -412,6 +412,11 @@ json Broker::request(const Ask& ask) {
   options.ttlSeconds = ask.ttlSeconds;
   options.agent = ask.process;
   options.wire = std::move(wire);
+  // A process that the phone let draw on this credential for a while is
+  // settled at once; a peer whose process can't be told never is.
+  std::optional<AllowanceUse> allowed;
+  if (ask.process) allowed = service_.useAllowance(name, *ask.process);
+  if (allowed) options.allowed = &*allowed;
   const StoredRequest stored =
       service_.raise(operation, std::move(fields), options);
   return service_.openedReply(stored);

@@ -56,6 +56,17 @@ Service::Service(Home h, std::optional<Config> c)
       nudges_(300) {
   identity_.daemonID = config.daemonID;
   identity_.ensure();
+  allowances_.setEnded([this](const Allowance& ended, std::string_view why) {
+    journal_.write("allowance-ended",
+                   {{"request", ended.requestID},
+                    {"credential", ended.name},
+                    {"why", std::string(why)},
+                    {"uses", ended.uses},
+                    {"client", ended.client.empty() ? "-" : ended.client}});
+    events_.emit(json{{"event", "allowance.ended"},
+                      {"request_id", ended.requestID},
+                      {"why", why}});
+  });
 }
 
 StoredRequest Service::raise(const std::string& operation, Fields fields,
@@ -105,14 +116,43 @@ StoredRequest Service::raise(const std::string& operation, Fields fields,
   request.profile = options.profile;
   request.agentProcess = options.agent;
   store_.put(request);
-  chain_.raised(request.id);
+  // A use of an allowance never reaches a phone, so it has no chain row.
+  if (options.allowed == nullptr) chain_.raised(request.id);
   journal_.write("raised",
                  {{"request", request.id},
                   {"operation", operation},
                   {"credential", options.credentialName.value_or("-")},
                   {"client", clientOf(request)},
                   {"off-profile", request.notice.has_value()}});
+  if (options.allowed != nullptr) return settle(request, *options.allowed);
   return request;
+}
+
+StoredRequest Service::settle(const StoredRequest& request,
+                              AllowanceUse& allowed) {
+  StoredRequest decided;
+  try {
+    decided =
+        store_.decide(request.id, RequestState::kApproved, allowed.deviceID);
+  } catch (...) {
+    allowed.value.wipe();
+    throw;
+  }
+  const std::string name = request.credentialName.value_or("");
+  credentials_.put(decided.id, name, allowed.kind, allowed.value.reveal(),
+                   std::nullopt, allowed.deviceID);
+  allowed.value.wipe();
+  journal_.write("approved", {{"request", decided.id},
+                              {"device", allowed.deviceID},
+                              {"road", "allowance"},
+                              {"allowance", allowed.requestID},
+                              {"credential", name.empty() ? "-" : name},
+                              {"client", clientOf(decided)}});
+  events_.emit(json{{"event", "decided"},
+                    {"request_id", decided.id},
+                    {"state", "approved"},
+                    {"credential", true}});
+  return decided;
 }
 
 bool Service::isCredentialKind(std::string_view kind) {
@@ -175,6 +215,20 @@ StoredRequest Service::approve(const Approval& a) {
   if (opened) {
     credentials_.put(decided.id, opened->name, opened->kind,
                      opened->value.reveal(), opened->expiry, a.deviceID);
+    // A hold opens an allowance, but only for a request whose process is
+    // known: without one there is nobody it could be kept for.
+    if (opened->hold && decided.agentProcess) {
+      const std::string client = decided.fields.text("client").value_or("");
+      if (const auto allowance = allowances_.open(
+              decided.id, opened->name, opened->kind, opened->value.reveal(),
+              a.deviceID, client, *decided.agentProcess, *opened->hold)) {
+        journal_.write("allowed",
+                       {{"request", decided.id},
+                        {"credential", opened->name},
+                        {"seconds", allowance->until - allowance->openedAt},
+                        {"client", client.empty() ? "-" : client}});
+      }
+    }
     opened->value.wipe();
   }
   chain_.answered(decided.id, a.road, a.stamps);
@@ -347,7 +401,7 @@ json Service::status() {
       {"secrets", std::move(secretNames)},
       {"pending", store_.pendingCount()},
       {"credentials_held", credentials_.count()},
-      {"allowances", 0},
+      {"allowances", openAllowances().size()},
       {"require_sealed", config.requireSealed},
       {"max_phones", config.maxPhones},
       {"listen", config.listen},
@@ -645,5 +699,28 @@ std::string Service::fingerprint() { return identity_.fingerprint(); }
 std::string Service::pqFingerprint() { return identity_.pqFingerprint(); }
 
 void Service::scrubCredentials() { credentials_.scrubAll(); }
+
+// ---- Allowances.
+
+std::optional<AllowanceUse> Service::useAllowance(std::string_view name,
+                                                  const AgentProcess& agent) {
+  return allowances_.use(name, agent);
+}
+
+void Service::sweepAllowances() { allowances_.sweep(); }
+
+std::vector<Allowance> Service::openAllowances() {
+  allowances_.sweep();
+  return allowances_.all();
+}
+
+std::optional<Allowance> Service::endAllowance(std::string_view requestID,
+                                               std::string_view why) {
+  return allowances_.end(requestID, why);
+}
+
+std::vector<Allowance> Service::endAllowances(std::string_view why) {
+  return allowances_.endAll(why);
+}
 
 }  // namespace tolvanger::service

@@ -1,6 +1,7 @@
 #include "tolvanger/service/routes.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <exception>
 #include <utility>
@@ -36,6 +37,12 @@ RouteResult failure(int status, std::string sentence) {
 
 RouteResult success(json payload) {
   return RouteResult{200, std::move(payload)};
+}
+
+int64_t nowSeconds() {
+  return std::chrono::duration_cast<std::chrono::seconds>(
+             std::chrono::system_clock::now().time_since_epoch())
+      .count();
 }
 
 // Parses a JSON object no deeper than kMaxDepth; anything else gives null.
@@ -314,8 +321,16 @@ RouteResult Routes::pending(const std::optional<Device>& device) {
   if (const auto nudge = service_.currentNudge()) {
     out["nudge"] = nudge->asDictionary();
   }
-  // This service keeps no allowances, so a device has none open.
-  if (device) out["allowances"] = json::array();
+  if (device) {
+    json open = json::array();
+    const int64_t now = nowSeconds();
+    for (const Allowance& allowance : service_.openAllowances()) {
+      if (allowance.deviceID == device->deviceID) {
+        open.push_back(allowance.asDictionary(now));
+      }
+    }
+    out["allowances"] = std::move(open);
+  }
   return success(std::move(out));
 }
 
@@ -368,7 +383,13 @@ RouteResult Routes::approve(const json& body,
   approval.road = std::string(road);
   approval.stamps = member(body, "timing");
   service_.approve(approval);
-  return success(json{{"ok", true}, {"state", "approved"}});
+  json out{{"ok", true}, {"state", "approved"}};
+  for (const Allowance& allowance : service_.openAllowances()) {
+    if (allowance.requestID != *requestID) continue;
+    out["allowed_until"] = allowance.until;
+    out["seconds_left"] = allowance.secondsLeft(nowSeconds());
+  }
+  return success(std::move(out));
 }
 
 RouteResult Routes::deny(const json& body, std::string_view road) {
@@ -381,11 +402,10 @@ RouteResult Routes::deny(const json& body, std::string_view road) {
 RouteResult Routes::endAllowance(const json& body,
                                  const std::optional<Device>& device) {
   if (!authenticated(body, device)) return failure(400, kNotPaired);
-  if (text(body, "request_id") == nullptr) {
-    return failure(400, "no allowance named");
-  }
-  // This service keeps no allowances, so there is never one to end.
-  return success(json{{"ok", true}, {"ended", false}});
+  const std::string* requestID = text(body, "request_id");
+  if (requestID == nullptr) return failure(400, "no allowance named");
+  const bool ended = service_.endAllowance(*requestID, "phone").has_value();
+  return success(json{{"ok", true}, {"ended", ended}});
 }
 
 RouteResult Routes::cloudKey(const json& body,

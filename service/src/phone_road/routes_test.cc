@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <filesystem>
 
@@ -203,6 +204,58 @@ TEST(Routes, SealedCallsListFetchApproveAndDeny) {
   const json late = rig.call("POST", "/v1/approve", rig.approval(second));
   EXPECT_EQ(late["status"], 400);
   EXPECT_EQ(late["payload"]["error"], "that request was already denied");
+}
+
+// A hold opens an allowance: the approval tells its end, the list shows it
+// to the phone that granted it, and the phone can end it once.
+TEST(Routes, AllowancesAreToldListedAndEndedByThePhone) {
+  Rig rig(/*requireSealed=*/true);
+  rig.pair();
+  ServiceInternals::secrets(rig.service)
+      .replace({SecretName{"sheets", "bearer", {"api.example"}, {}, 1}});
+  RaiseOptions options;
+  options.credentialName = "sheets";
+  options.agent = AgentProcess::of(getpid());
+  const StoredRequest request = rig.service.raise("deploy", Fields{}, options);
+  json approval = rig.approval(request);
+  approval["credential"] =
+      CloudSeal::seal(
+          asBytes(json{
+              {"request_id", request.id},
+              {"name", "sheets"},
+              {"kind", "bearer"},
+              {"value", "v-1"},
+              {"hold_seconds",
+               90}}.dump()),
+          ServiceInternals::identity(rig.service).cloudKey().publicKey(),
+          "cred", request.id)
+          .asDictionary();
+  const json approved = rig.call("POST", "/v1/approve", approval)["payload"];
+  EXPECT_EQ(approved["seconds_left"], 90) << approved;
+  EXPECT_EQ(approved["allowed_until"].get<int64_t>() -
+                static_cast<int64_t>(time(nullptr)),
+            90);
+
+  const json listed = rig.call("GET", "/v1/pending")["payload"]["allowances"];
+  ASSERT_EQ(listed.size(), 1u) << listed;
+  EXPECT_EQ(listed[0]["request_id"], request.id);
+  EXPECT_EQ(listed[0]["name"], "sheets");
+  EXPECT_EQ(listed[0]["uses"], 0);
+
+  const auto end = [&](const json& id) {
+    return rig.call("POST", "/v1/allowance/end", {{"request_id", id}});
+  };
+  EXPECT_EQ(end(7)["payload"]["error"], "no allowance named");
+  EXPECT_EQ(end("r0000000000000000")["payload"],
+            json({{"ok", true}, {"ended", false}}));
+  EXPECT_EQ(end(request.id)["payload"], json({{"ok", true}, {"ended", true}}));
+  EXPECT_EQ(end(request.id)["payload"]["ended"], false);
+  EXPECT_EQ(rig.call("GET", "/v1/pending")["payload"]["allowances"],
+            json::array());
+  EXPECT_NE(rig.journal().find("allowance-ended client=- credential=sheets "
+                               "request=" +
+                               request.id + " uses=0 why=phone"),
+            std::string::npos);
 }
 
 TEST(Routes, SealedEnvelopesThatMustNotBeAnswered) {

@@ -63,6 +63,13 @@ class SoftwarePhone {
   nlohmann::json deny(std::string_view id,
                       std::chrono::system_clock::time_point drawnAt);
 
+  // The allowances open on the Mac that this phone granted, in the Mac's
+  // order, and ending one of them (true when it was open). The Mac tells
+  // these only to a phone that proved itself, so both go sealed whether or
+  // not the phone is `clear`.
+  std::vector<OpenAllowance> allowances();
+  bool endAllowance(std::string_view requestID);
+
   // Sends the whole list to the Mac under a new sequence number, never
   // below the clock (so a list kept from before a lost home still counts as
   // newer), keeping it in the home first. Throws Refusal when the phone is

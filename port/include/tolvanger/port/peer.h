@@ -33,6 +33,10 @@ std::optional<std::string> processName(pid_t pid);
 // since a reused pid comes with a later start time.
 std::optional<int64_t> processStartMicros(pid_t pid);
 
+// True when the process has ended but its parent has not yet collected it
+// (a zombie): its facts can still be read, but it runs no more.
+bool processHasExited(pid_t pid);
+
 // This process's effective uid.
 uid_t currentUid();
 

@@ -23,6 +23,7 @@
 #include "tolvanger/kit/bytes.h"
 #include "tolvanger/kit/fields.h"
 #include "tolvanger/service/agent_process.h"
+#include "tolvanger/service/allowances.h"
 #include "tolvanger/service/broker.h"
 #include "tolvanger/service/callers.h"
 #include "tolvanger/service/chain.h"
@@ -54,6 +55,10 @@ struct RaiseOptions {
   std::optional<std::string> profile;
   std::optional<AgentProcess> agent;
   std::optional<Wire> wire;  // the outgoing call of a brokered request
+  // A use of an open allowance that covers this request: it is then settled
+  // as approved at once, without the phone, and the value is wiped. Must
+  // outlive the call.
+  AllowanceUse* allowed = nullptr;
 };
 
 // A phone's answer of yes, as a road hands it over. The pointers may be null
@@ -236,6 +241,21 @@ class Service {
   // Wipes every credential still held; at shutdown.
   void scrubCredentials();
 
+  // ---- Allowances.
+
+  // Draws once on the allowance open for `name` and `agent`, if any.
+  std::optional<AllowanceUse> useAllowance(std::string_view name,
+                                           const AgentProcess& agent);
+  // Ends what ran out of time or lost its process.
+  void sweepAllowances();
+  // The open allowances after a sweep, in opening order.
+  std::vector<Allowance> openAllowances();
+  // Ends one, or all, with `why` ("phone", "stopped", "sleep", "lock", ...);
+  // each writes "allowance-ended" and emits "allowance.ended".
+  std::optional<Allowance> endAllowance(std::string_view requestID,
+                                        std::string_view why);
+  std::vector<Allowance> endAllowances(std::string_view why);
+
   const Home home;
   const Config config;
 
@@ -255,9 +275,12 @@ class Service {
   Nudges nudges_;
   Callers callers_;
   DeviceKeys deviceKeys_;
+  Allowances allowances_;
 
   OpenedCredential openCredential(const nlohmann::json& envelope,
                                   const StoredRequest& request);
+  // Approves a request that an open allowance covers, without the phone.
+  StoredRequest settle(const StoredRequest& request, AllowanceUse& allowed);
 
   std::vector<std::string> listenAddresses_;
   // Makes each announcement's staleness check, its replace of the secret

@@ -1,0 +1,158 @@
+// A brokered call under an open allowance, against its baseline in the same
+// run: `proxy.request` and `proxy.perform` over the real agent socket, the
+// request settled at once by the allowance with no phone in the loop, then
+// one HTTPS call with the credential attached; against a bare libcurl call
+// with the same settings to the same local HTTPS server. Each is repeated and
+// reported by its median; the target is a ratio under 1.3.
+#include <benchmark/benchmark.h>
+#include <curl/curl.h>
+
+#include <memory>
+#include <string>
+
+#include "harness.h"
+#include "https_upstream.h"
+#include "testing/service_internals.h"
+#include "tolvanger/kit/cloud_seal.h"
+#include "tolvanger/kit/crypto/mldsa65.h"
+#include "tolvanger/kit/crypto/p256.h"
+#include "tolvanger/kit/random.h"
+#include "tolvanger/service/http_server.h"
+#include "tolvanger/service/runtime.h"
+
+namespace {
+
+using nlohmann::json;
+using namespace tolvanger;
+using namespace tolvanger::service;
+
+struct World {
+  testing::TempDir dir;
+  testing::HTTPSUpstream upstream;
+  std::unique_ptr<Runtime> runtime;
+  crypto::P256PrivateKey key = crypto::P256PrivateKey::generate();
+  crypto::MLDSA65PrivateKey pq = crypto::MLDSA65PrivateKey::generate();
+  std::unique_ptr<testing::SocketClient> agent;
+  json ask;
+
+  World() {
+    upstream.writeCA(dir.file("ca.pem"));
+    Config config = Config::defaults();
+    config.listen = {"127.0.0.1"};
+    config.listenPort = FreePort::pick(20000 + (::getpid() % 12000), 200);
+    runtime = std::make_unique<Runtime>(Home(dir.file("home")), config,
+                                        UpstreamSettings{dir.file("ca.pem")});
+    Service& s = runtime->service();
+    Device phone;
+    phone.deviceID = "phone-1";
+    phone.name = "Bench Phone";
+    phone.spki = key.publicKey().der();
+    phone.pq = pq.publicKey().raw();
+    phone.secret = Random::hex(24);
+    phone.pairedAt = 1;
+    ServiceInternals::devices(s).put(phone);
+    ServiceInternals::secrets(s).replace(
+        {SecretName{"upstream", "bearer", {upstream.netloc()}, {}, 1}});
+    runtime->start();
+    agent = std::make_unique<testing::SocketClient>(runtime->socketPath());
+    agent->call({{"op", "hello"}, {"client", "bench"}});
+    ask = {{"op", "proxy.request"},
+           {"request",
+            {{"secret", "upstream"},
+             {"method", "GET"},
+             {"url", "https://" + upstream.netloc() + "/v1/items"}}}};
+    openAllowance();
+  }
+  ~World() { runtime->stop(); }
+
+  // The phone's approval of a first request from this process, with a hold
+  // of an hour: an allowance for every request after it.
+  void openAllowance() {
+    Service& s = runtime->service();
+    const std::string id = agent->call(ask)["request_id"];
+    const StoredRequest r = *ServiceInternals::store(s).get(id);
+    const std::string bound = s.binding(r);
+    const json envelope =
+        CloudSeal::seal(asBytes(json{
+                            {"request_id", id},
+                            {"name", "upstream"},
+                            {"kind", "bearer"},
+                            {"value", "token-" + Random::hex(16)},
+                            {"hold_seconds",
+                             3600}}.dump()),
+                        ServiceInternals::identity(s).cloudKey().publicKey(),
+                        "cred", id)
+            .asDictionary();
+    Approval a;
+    a.requestID = id;
+    a.deviceID = "phone-1";
+    a.digest = r.digest;
+    a.signatureBase64 = toBase64(key.sign(asBytes(bound)));
+    a.pqSignatureBase64 = toBase64(pq.sign(asBytes(bound)));
+    a.credentialEnvelope = &envelope;
+    a.road = "lan";
+    s.approve(a);
+    agent->call({{"op", "proxy.perform"}, {"id", id}});
+  }
+};
+
+World& world() {
+  static World w;
+  return w;
+}
+
+void BM_CallUnderAllowance(benchmark::State& state) {
+  World& w = world();
+  for (auto _ : state) {
+    const json opened = w.agent->call(w.ask);
+    const json reply = w.agent->call(
+        {{"op", "proxy.perform"}, {"id", opened.value("request_id", "")}});
+    if (reply.value("status", 0) != 200) {
+      state.SkipWithError(reply.dump().c_str());
+      break;
+    }
+  }
+}
+BENCHMARK(BM_CallUnderAllowance)
+    ->Unit(benchmark::kMicrosecond)
+    ->UseRealTime()
+    ->MinTime(0.5)
+    ->Repetitions(7)
+    ->ReportAggregatesOnly(true);
+
+size_t discard(char*, size_t size, size_t count, void*) { return size * count; }
+
+void BM_BareCurl(benchmark::State& state) {
+  World& w = world();
+  const std::string url = "https://" + w.upstream.netloc() + "/v1/items";
+  const std::string ca = w.dir.file("ca.pem");
+  for (auto _ : state) {
+    CURL* curl = curl_easy_init();
+    curl_slist* headers =
+        curl_slist_append(nullptr, "authorization: Bearer token-0123456789");
+    curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
+    curl_easy_setopt(curl, CURLOPT_CAINFO, ca.c_str());
+    curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, discard);
+    const CURLcode code = curl_easy_perform(curl);
+    long status = 0;
+    curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
+    curl_slist_free_all(headers);
+    curl_easy_cleanup(curl);
+    if (code != CURLE_OK || status != 200) {
+      state.SkipWithError(curl_easy_strerror(code));
+      break;
+    }
+  }
+}
+BENCHMARK(BM_BareCurl)
+    ->Unit(benchmark::kMicrosecond)
+    ->UseRealTime()
+    ->MinTime(0.5)
+    ->Repetitions(7)
+    ->ReportAggregatesOnly(true);
+
+}  // namespace
+
+BENCHMARK_MAIN();
