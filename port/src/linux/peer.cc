@@ -1,12 +1,13 @@
 #include "tolvanger/port/peer.h"
 
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <fstream>
-#include <sstream>
 #include <string>
+#include <string_view>
 
 namespace tolvanger::port {
 
@@ -45,7 +46,7 @@ namespace {
 // Boot time in whole seconds since 1970, from the btime line of /proc/stat.
 // Unlike the difference of the real and boot clocks it does not move, so the
 // same process always gets the same start time.
-std::optional<int64_t> bootSeconds() {
+std::optional<int64_t> readBootSeconds() {
   std::ifstream in("/proc/stat");
   std::string key;
   while (in >> key) {
@@ -59,27 +60,51 @@ std::optional<int64_t> bootSeconds() {
   return std::nullopt;
 }
 
+// Read once: /proc/stat is long (a line per CPU and one per interrupt), and
+// every agent connection asks for a start time.
+std::optional<int64_t> bootSeconds() {
+  static const std::optional<int64_t> boot = readBootSeconds();
+  return boot;
+}
+
+// The fields of /proc/<pid>/stat after the command name, which sits in
+// parentheses and may hold blanks or parentheses itself; empty when the
+// process is gone. The whole file is well under the buffer.
+std::string statFields(pid_t pid) {
+  const std::string path = "/proc/" + std::to_string(pid) + "/stat";
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return {};
+  char buf[1024];
+  ssize_t n;
+  do {
+    n = ::read(fd, buf, sizeof(buf));
+  } while (n < 0 && errno == EINTR);
+  ::close(fd);
+  if (n <= 0) return {};
+  const std::string_view line(buf, static_cast<size_t>(n));
+  const auto close = line.rfind(')');
+  if (close == std::string_view::npos || close + 2 >= line.size()) return {};
+  return std::string(line.substr(close + 2));
+}
+
 }  // namespace
 
 std::optional<int64_t> processStartMicros(pid_t pid) {
   if (pid <= 0) return std::nullopt;
-  std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
-  std::string line;
-  if (!std::getline(in, line)) return std::nullopt;
-  // The command name (field 2) is in parentheses and may hold blanks or
-  // parentheses itself: count fields from the last ')'.
-  const auto close = line.rfind(')');
-  if (close == std::string::npos) return std::nullopt;
-  std::istringstream rest(line.substr(close + 1));
-  std::string field;
-  // Fields 3..22; the start time is field 22, in clock ticks since boot.
-  for (int i = 3; i <= 22; ++i) {
-    if (!(rest >> field)) return std::nullopt;
+  const std::string fields = statFields(pid);
+  // Fields 3..22 follow; the start time is field 22, in clock ticks since
+  // boot.
+  size_t at = 0;
+  for (int i = 3; i < 22 && at != std::string::npos; ++i) {
+    at = fields.find(' ', at);
+    if (at != std::string::npos) ++at;
   }
+  if (fields.empty() || at == std::string::npos) return std::nullopt;
+  const char* first = fields.c_str() + at;
   errno = 0;
   char* end = nullptr;
-  const unsigned long long ticks = std::strtoull(field.c_str(), &end, 10);
-  if (errno != 0 || end == field.c_str()) return std::nullopt;
+  const unsigned long long ticks = std::strtoull(first, &end, 10);
+  if (errno != 0 || end == first) return std::nullopt;
   const long hz = sysconf(_SC_CLK_TCK);
   const auto boot = bootSeconds();
   if (hz <= 0 || !boot) return std::nullopt;
@@ -88,13 +113,10 @@ std::optional<int64_t> processStartMicros(pid_t pid) {
 
 bool processHasExited(pid_t pid) {
   if (pid <= 0) return true;
-  std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
-  std::string line;
-  if (!std::getline(in, line)) return true;
-  const auto close = line.rfind(')');
-  if (close == std::string::npos || close + 2 >= line.size()) return true;
-  // Field 3, after the command name, is the state letter.
-  const char state = line[close + 2];
+  const std::string fields = statFields(pid);
+  if (fields.empty()) return true;
+  // Field 3, first after the command name, is the state letter.
+  const char state = fields[0];
   return state == 'Z' || state == 'X' || state == 'x';
 }
 
