@@ -51,6 +51,14 @@ TEST(TripwireInspect, AcceptsAProvedProfileAndSaysWhatItIs) {
                                {"messages", 2000}}));
 }
 
+TEST(TripwireInspect, RowsScoredByPythonsOwnArithmeticPass) {
+  // The fuzz seed's three scores were computed by Python (math.log, exp).
+  const auto text = Home(TOLVANGER_SOURCE_DIR "/fuzz/corpus/profile_fuzz")
+                        .read("three_rows.json");
+  ASSERT_TRUE(text.has_value());
+  EXPECT_EQ(Tripwire::inspect(*text).checked, 3);
+}
+
 TEST(TripwireInspect, RefusesInTheOrderItReads) {
   EXPECT_EQ(refusal(std::string(kProfileLimit + 1, ' ')),
             "a profile over 4096kb is not a profile, it is a file");
