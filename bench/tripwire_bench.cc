@@ -82,7 +82,7 @@ void roundTrip(benchmark::State& state, const json& line) {
   SocketClient& client = *fixture().client;
   for (auto _ : state) {
     const json reply = client.call(line);
-    if (reply["ok"] != true) {
+    if (!reply.is_object() || reply.value("ok", false) != true) {
       state.SkipWithError("the service refused");
       break;
     }
@@ -101,7 +101,8 @@ void BM_ObserveRoundTrip(benchmark::State& state) {
                     {"text", message280()},
                     {"gap", 40}});
   const json about = fixture().client->call({{"op", "status"}});
-  if (about["tripwire"]["loaded"] != true) {
+  if (!about.contains("tripwire") ||
+      about["tripwire"].value("loaded", false) != true) {
     state.SkipWithError("no profile in force");
   }
 }

@@ -140,7 +140,7 @@ Check checkRow(const json& r, size_t index) {
     c.msg.pos = asNumber(*p);
   }
   if (const json* feats = member(r, "feats"); feats && feats->is_object()) {
-    std::map<std::string, std::string> kept;
+    Features kept;
     for (const auto& [key, value] : feats->items()) {
       if (value.is_string()) kept[key] = value.get<std::string>();
     }

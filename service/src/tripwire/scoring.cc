@@ -8,6 +8,7 @@
 #include <unicode/ustring.h>
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <cmath>
 #include <cstdio>
@@ -21,7 +22,19 @@ namespace {
 constexpr std::u32string_view kPunct =
     U".,!?;:\u2026\"'\u2019\u201C\u201D()[]{}/\\*&%$#@~`|<>+=-\u2013\u2014";
 
-bool isPunct(char32_t c) { return kPunct.find(c) != std::u32string_view::npos; }
+// The ASCII members of `kPunct` as a bit set, so most scalars cost one test.
+constexpr std::array<uint64_t, 2> kAsciiPunct = [] {
+  std::array<uint64_t, 2> bits{};
+  for (char32_t c : kPunct) {
+    if (c < 0x80) bits[c / 64] |= uint64_t{1} << (c % 64);
+  }
+  return bits;
+}();
+
+bool isPunct(char32_t c) {
+  if (c < 0x80) return (kAsciiPunct[c / 64] >> (c % 64)) & 1;
+  return kPunct.find(c) != std::u32string_view::npos;
+}
 
 std::u32string toScalars(std::string_view utf8) {
   const std::vector<char32_t> v = Text::scalars(utf8);
@@ -38,6 +51,7 @@ std::string toUTF8(std::u32string_view scalars) {
 int8_t category(char32_t c) { return u_charType(static_cast<UChar32>(c)); }
 
 bool isLetter(char32_t c) {
+  if (c < 0x80) return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
   switch (category(c)) {
     case U_UPPERCASE_LETTER:
     case U_LOWERCASE_LETTER:
@@ -50,10 +64,19 @@ bool isLetter(char32_t c) {
   }
 }
 
-bool isDecimal(char32_t c) { return category(c) == U_DECIMAL_DIGIT_NUMBER; }
+bool isDecimal(char32_t c) {
+  if (c < 0x80) return c >= '0' && c <= '9';
+  return category(c) == U_DECIMAL_DIGIT_NUMBER;
+}
 
 bool has(char32_t c, UProperty property) {
   return u_hasBinaryProperty(static_cast<UChar32>(c), property) != 0;
+}
+
+// Letters only: the ASCII ones are answered without a lookup.
+bool isLowercaseLetter(char32_t c) {
+  if (c < 0x80) return c >= 'a' && c <= 'z';
+  return has(c, UCHAR_LOWERCASE);
 }
 
 // The index of the first bound that `v` lies strictly below, else the last.
@@ -185,6 +208,7 @@ std::u32string lowered(const std::u32string& sc) {
 std::optional<size_t> url(const std::u32string& sc, size_t at) {
   constexpr std::u32string_view kHttp = U"http";
   constexpr std::u32string_view kSep = U"://";
+  if (at >= sc.size() || sc[at] != U'h') return std::nullopt;
   if (sc.compare(at, kHttp.size(), kHttp) != 0) return std::nullopt;
   size_t i = at + kHttp.size();
   if (i < sc.size() && sc[i] == U's') ++i;
@@ -237,7 +261,7 @@ std::vector<std::string> tokensOf(const std::u32string& sc) {
   std::u32string marked;
   marked.reserve(low.size());
   for (size_t i = 0; i < low.size();) {
-    if (const auto end = url(low, i)) {
+    if (const auto end = low[i] == U'h' ? url(low, i) : std::nullopt) {
       marked += U" <url> ";
       i = *end;
     } else {
@@ -266,7 +290,7 @@ Features styleOf(const std::u32string& sc,
     if (isLetter(c)) {
       ++letters;
       if (!firstLetter) firstLetter = c;
-      if (has(c, UCHAR_LOWERCASE)) ++lowerLetters;
+      if (isLowercaseLetter(c)) ++lowerLetters;
     }
     if (isPunct(c)) ++punct;
     if (c >= 0x0400 && c <= 0x04FF) ++cyr;
@@ -284,8 +308,11 @@ Features styleOf(const std::u32string& sc,
     urlFound = urlFound || (c == U'h' && url(sc, i).has_value());
   }
 
+  // Tokens are well-formed UTF-8: count the bytes that start a scalar.
   size_t tokenScalars = 0;
-  for (const std::string& t : toks) tokenScalars += Text::scalars(t).size();
+  for (const std::string& t : toks) {
+    for (char b : t) tokenScalars += (static_cast<uint8_t>(b) & 0xC0) != 0x80;
+  }
 
   static constexpr double kChars[] = {12, 25, 45, 80, 140, 250, 450, 800};
   static constexpr double kWords[] = {2, 4, 7, 12, 22, 40, 75, 130};
@@ -377,9 +404,9 @@ double binnedLLR(const Model& model, const Features& feats,
                  std::span<const std::string_view> names) {
   double sum = 0.0;
   for (const std::string_view name : names) {
-    const auto label = feats.find(std::string(name));
+    const auto label = feats.find(name);
     if (label == feats.end()) continue;
-    const auto table = model.bins.find(std::string(name));
+    const auto table = model.bins.find(name);
     if (table == model.bins.end() || table->second.empty()) continue;
     const auto found = table->second.find(label->second);
     const Cell cell = found == table->second.end() ? Cell{} : found->second;

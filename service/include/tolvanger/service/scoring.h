@@ -27,6 +27,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 namespace tolvanger::service::Scoring {
@@ -38,6 +39,9 @@ class ScoringError : public std::runtime_error {
   explicit ScoringError(const std::string& sentence)
       : std::runtime_error(sentence) {}
 };
+
+// Feature name to label; 21 entries.
+using Features = std::map<std::string, std::string, std::less<>>;
 
 // A JSON number as the file wrote it: 3 is whole and 3.0 is real, and the
 // features render the two differently.
@@ -67,10 +71,12 @@ struct Cell {
 };
 
 struct Model {
-  // Feature name to (bin label to cell).
-  std::map<std::string, std::map<std::string, Cell>> bins;
-  // Token to cell; an entry may be present without a cell.
-  std::map<std::string, std::optional<Cell>> vocab;
+  // Feature name to (bin label to cell). A table's cells are summed in the
+  // map's order.
+  std::map<std::string, std::map<std::string, Cell>, std::less<>> bins;
+  // Token to cell; an entry may be present without a cell. Only looked up
+  // and counted, never walked, so it is hashed.
+  std::unordered_map<std::string, std::optional<Cell>> vocab;
   Cell totals;
 };
 
@@ -87,7 +93,7 @@ struct Cuts {
 // One proof row: a message and the score the fitting program gave it.
 struct Check {
   Message msg;
-  std::optional<std::map<std::string, std::string>> feats;
+  std::optional<Features> feats;
   double score = 0;  // NaN when the row had none, so it never passes
 };
 
@@ -105,9 +111,6 @@ struct Profile {
   // the sentence of the first thing that is wrong.
   static Profile from(const nlohmann::json& object);
 };
-
-// Feature name to label; 21 entries.
-using Features = std::map<std::string, std::string>;
 
 inline constexpr double kClip = 2.5;
 inline constexpr double kAlpha = 0.5;
