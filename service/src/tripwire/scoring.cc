@@ -227,8 +227,11 @@ bool isWord(char32_t c) {
                                               UCHAR_NUMERIC_TYPE) != U_NT_NONE;
 }
 
-std::vector<std::u32string> words(const std::u32string& sc) {
-  std::vector<std::u32string> out;
+namespace {
+
+// Where each word of `sc` begins and ends.
+std::vector<std::pair<size_t, size_t>> wordSpans(const std::u32string& sc) {
+  std::vector<std::pair<size_t, size_t>> out;
   const size_t n = sc.size();
   size_t i = 0;
   while (i < n) {
@@ -241,7 +244,17 @@ std::vector<std::u32string> words(const std::u32string& sc) {
       ++i;
       while (i < n && isWord(sc[i])) ++i;
     }
-    out.push_back(sc.substr(start, i - start));
+    out.emplace_back(start, i);
+  }
+  return out;
+}
+
+}  // namespace
+
+std::vector<std::u32string> words(const std::u32string& sc) {
+  std::vector<std::u32string> out;
+  for (const auto& [start, end] : wordSpans(sc)) {
+    out.push_back(sc.substr(start, end - start));
   }
   return out;
 }
@@ -269,7 +282,10 @@ std::vector<std::string> tokensOf(const std::u32string& sc) {
     }
   }
   std::vector<std::string> out;
-  for (const std::u32string& word : words(marked)) {
+  const auto spans = wordSpans(marked);
+  out.reserve(spans.size());
+  for (const auto& [start, end] : spans) {
+    const std::u32string_view word(marked.data() + start, end - start);
     bool digit = false;
     for (char32_t c : word) digit = digit || isDecimal(c);
     out.push_back(digit ? std::string("<num>") : toUTF8(word));
