@@ -62,6 +62,11 @@ TEST_F(TripwireFromOutside, OfferApproveInstallObserveAndNotice) {
             (json{{"loaded", false}, {"stale", false}}));
   EXPECT_EQ(admin_->call({{"op", "status"}})["tripwire"]["why"],
             "no behaviour profile is stored");
+  std::string before;
+  ASSERT_EQ(runService(home_, {"status"}, &before), 0);
+  EXPECT_NE(before.find("\ntripwire no profile \u2014 nothing warns you"),
+            std::string::npos)
+      << before;
   // Observing never fails, with or without a profile.
   EXPECT_EQ(agent.call({{"op", "tripwire.observe"}, {"text", 5}}),
             (json{{"ok", true}}));
@@ -96,6 +101,11 @@ TEST_F(TripwireFromOutside, OfferApproveInstallObserveAndNotice) {
   EXPECT_EQ(about["fitted"], "2026-11-20 09:30");
   EXPECT_EQ(about["mode"], "0o600");
   EXPECT_EQ(about["watching"], json({"42", std::string(kOwner)}));
+  std::string statusLines;
+  ASSERT_EQ(runService(home_, {"status"}, &statusLines), 0);
+  EXPECT_NE(statusLines.find("\ntripwire  fitted 2026-11-20 09:30\n"),
+            std::string::npos)
+      << statusLines;
 
   // Two messages unlike the owner's (no question in them), one from someone
   // the profile does not watch.
