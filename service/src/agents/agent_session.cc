@@ -26,11 +26,6 @@ const std::set<std::string, std::less<>> kAdminOps = {
     "pair.open",    "pair.status",     "pair.cancel", "device.forget",
     "journal.tail", "request.pending", "nudge.raise", "clients"};
 
-// Ops of the protocol that this build does not serve yet: they are refused
-// with a sentence, never faked.
-const std::set<std::string, std::less<>> kNotYetOps = {
-    "tripwire.observe", "tripwire.offer", "tripwire.install"};
-
 // What a connection's pending buffer may keep of its storage between lines.
 constexpr size_t kKeptCapacity = 16384;
 
@@ -48,6 +43,13 @@ std::string requiredID(const json& object) {
   auto id = textAt(object, "id");
   if (!id) throw ServiceError::refused("no request named");
   return *id;
+}
+
+// The value of `key` as the peer sent it; null when absent.
+const json& given(const json& object, const char* key) {
+  static const json kAbsent;
+  const auto it = object.find(key);
+  return it == object.end() ? kAbsent : *it;
 }
 
 std::string dumpLine(const json& object) {
@@ -91,6 +93,9 @@ std::string AgentSession::labelFor(std::string_view executableName) {
 }
 
 bool AgentSession::feed(std::string_view bytes) {
+  // Only the new bytes can hold the first line feed: a long line arriving in
+  // many reads is scanned once, not once a read.
+  const size_t scanned = pending_.size();
   pending_.append(bytes);
   // The limit is on everything pending, before any line is taken out, so a
   // burst of complete lines larger than the limit is refused too.
@@ -100,7 +105,7 @@ bool AgentSession::feed(std::string_view bytes) {
     return false;
   }
   size_t start = 0;
-  for (size_t nl = pending_.find('\n'); nl != std::string::npos;
+  for (size_t nl = pending_.find('\n', scanned); nl != std::string::npos;
        nl = pending_.find('\n', start)) {
     const std::string_view line(pending_.data() + start, nl - start);
     start = nl + 1;
@@ -173,11 +178,15 @@ json AgentSession::dispatch(const std::string& op, const json& line,
   if (kAdminOps.count(op) != 0 && role != "admin") {
     return failure("that needs the admin role");
   }
-  if (kNotYetOps.count(op) != 0) {
-    return failure(op + " is not available in this build of the service");
-  }
   if (op == "ping") return json{{"ok", true}, {"pong", true}};
-  if (op == "status") return service_.status();
+  if (op == "status") {
+    json status = service_.status();
+    // An admin sees the tripwire's whole account, not just two flags.
+    if (role == "admin") {
+      status["tripwire"] = service_.tripwire().about(Store::systemNow());
+    }
+    return status;
+  }
   if (op == "secret.list") {
     json names = json::array();
     for (const auto& name : service_.secretNames())
@@ -210,6 +219,22 @@ json AgentSession::dispatch(const std::string& op, const json& line,
     // The reply names the credential the phone will keep the session under.
     json reply = service_.openedReply(asked);
     reply["secret"] = asked.fields.text("secret").value_or("");
+    return reply;
+  }
+  if (op == "tripwire.observe") {
+    service_.tripwire().observe(given(line, "sender"), given(line, "ts"),
+                                given(line, "text"), given(line, "gap"),
+                                given(line, "burstlen"), given(line, "pos"));
+    return json{{"ok", true}};
+  }
+  if (op == "tripwire.offer") {
+    return service_.openedReply(
+        service_.offerProfile(given(line, "profile"), given(line, "reason"),
+                              process_.empty() ? "-" : process_, client));
+  }
+  if (op == "tripwire.install") {
+    json reply = service_.installProfile(requiredID(line));
+    reply["ok"] = true;
     return reply;
   }
   if (op == "request") {

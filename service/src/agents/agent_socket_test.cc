@@ -16,6 +16,7 @@
 #include <thread>
 
 #include "testing/paired_phone.h"
+#include "tolvanger/service/agent_session.h"
 #include "tolvanger/service/service.h"
 
 namespace tolvanger::service {
@@ -155,6 +156,22 @@ TEST(AgentSocketLimits, ConnectionsAndUnfinishedBytesOverTheirCapsAreRefused) {
   Client fourth(rig.path());
   ASSERT_TRUE(fourth.send(std::string(90000, ' ') + "{\"op\":\"ping\"}\n"));
   EXPECT_EQ(fourth.error(), "say hello first");
+}
+
+TEST(AgentSocketLimits, AProfileOfferFitsOnOneLineAndMoreDoesNot) {
+  Rig rig({});
+  Client agent(rig.path());
+  ASSERT_TRUE(agent.send("{\"op\":\"hello\"}\n"));
+  ASSERT_TRUE(agent.line().has_value());
+  // An offer of the largest profile's size arrives whole and is answered.
+  const std::string offer = "{\"op\":\"tripwire.offer\",\"profile\":\"" +
+                            std::string(kProfileLimit, 'A') + "\"}\n";
+  ASSERT_TRUE(agent.send(offer));
+  EXPECT_EQ(agent.error(10s), "that profile is not gzip: no gzip header");
+  // A line past the limit is refused and the connection closed.
+  agent.send(std::string(AgentSession::kMaxLine + 1, ' '));
+  EXPECT_EQ(agent.error(10s), "that line is too long");
+  EXPECT_TRUE(agent.closed());
 }
 
 }  // namespace

@@ -53,7 +53,8 @@ Service::Service(Home h, std::optional<Config> c)
       secrets_(home),
       journal_(home),
       chain_(home),
-      nudges_(300) {
+      nudges_(300),
+      tripwire_(home, config.tripwire) {
   identity_.daemonID = config.daemonID;
   identity_.ensure();
   allowances_.setEnded([this](const Allowance& ended, std::string_view why) {
@@ -108,6 +109,7 @@ StoredRequest Service::raise(const std::string& operation, Fields fields,
   } catch (const CanonicalError& e) {
     throw ServiceError::refused(e.what());
   }
+  request.notice = tripwire_.notice(static_cast<double>(now));
   request.digest = Canonical::digestOfText(request.canonical);
   request.summary = Summary::of(operation, fields);
   request.fields = std::move(fields);
@@ -348,17 +350,28 @@ json Service::requestPayload(const StoredRequest& request) {
   const std::string bound = binding(request);
   const Bytes sig = identity_.sign(asBytes(bound));
   const Bytes sigPQ = identity_.signPQ(asBytes(bound));
-  return json{{"ok", true},
-              {"version", 1},
-              {"daemon_id", config.daemonID},
-              {"request_id", request.id},
-              {"canonical", request.canonical},
-              {"digest", request.digest},
-              {"issued_at", request.issuedAt},
-              {"expires_at", request.expiresAt},
-              {"summary", request.summary},
-              {"daemon_sig", toBase64(sig)},
-              {"daemon_sig_pq", toBase64(sigPQ)}};
+  json payload{{"ok", true},
+               {"version", 1},
+               {"daemon_id", config.daemonID},
+               {"request_id", request.id},
+               {"canonical", request.canonical},
+               {"digest", request.digest},
+               {"issued_at", request.issuedAt},
+               {"expires_at", request.expiresAt},
+               {"summary", request.summary},
+               {"daemon_sig", toBase64(sig)},
+               {"daemon_sig_pq", toBase64(sigPQ)}};
+  if (const auto text = request.notice
+                            ? Tripwire::noticeText(request.id, *request.notice)
+                            : std::nullopt) {
+    payload["notice"] = *request.notice;
+    // Without a signature the phone drops the notice, not the request.
+    try {
+      payload["notice_sig"] = toBase64(identity_.sign(asBytes(*text)));
+    } catch (const std::exception&) {
+    }
+  }
+  return payload;
 }
 
 json Service::deviceRows() {
@@ -408,7 +421,8 @@ json Service::status() {
       {"listen_port", config.listenPort},
       {"addresses", phoneAddresses()},
       {"chain", chain_.report()},
-      {"tripwire", json{{"loaded", false}, {"stale", false}}},
+      {"tripwire", json{{"loaded", tripwire_.load()},
+                        {"stale", tripwire_.isStale(nowSeconds())}}},
       {"cloud", json{{"enabled", config.cloud.enabled},
                      {"container", config.cloud.container},
                      {"connected", false},

@@ -34,8 +34,11 @@ class Service;
 
 class AgentSession : public std::enable_shared_from_this<AgentSession> {
  public:
-  // Pending input allowed on one connection before it is refused and closed.
-  static constexpr size_t kMaxLine = 262144;
+  // Pending input allowed on one connection before it is refused and closed:
+  // room for a behaviour profile offer of 4,194,304 Base64 characters and
+  // 64 KiB for the line's other keys. The agent socket bounds what the
+  // unfinished lines of all connections hold together.
+  static constexpr size_t kMaxLine = 4194304 + 65536;
   // The longest a `poll` may wait, in seconds.
   static constexpr int kMaxPollWait = 10;
 

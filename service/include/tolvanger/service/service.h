@@ -39,6 +39,7 @@
 #include "tolvanger/service/pairing.h"
 #include "tolvanger/service/secret_names.h"
 #include "tolvanger/service/store.h"
+#include "tolvanger/service/tripwire.h"
 
 namespace tolvanger::service {
 
@@ -162,6 +163,29 @@ class Service {
                           const std::string& agent,
                           const std::optional<std::string>& client);
 
+  // ---- The tripwire.
+
+  // The operation under which a profile replacement is approved.
+  static constexpr std::string_view kProfileOperation = "tripwire.replace";
+
+  // The text of an agent's `profile` argument: a non-empty string of at most
+  // kProfileLimit characters. Throws ServiceError::refused.
+  static std::string packedProfile(const nlohmann::json& value);
+  // Checks an offered profile in full (Base64, gzip, inspection), then files
+  // a `tripwire.replace` request that carries it. Throws the first refusal;
+  // no request exists then.
+  StoredRequest offerProfile(const nlohmann::json& blob,
+                             const nlohmann::json& reason,
+                             const std::string& agent,
+                             const std::optional<std::string>& client);
+  // Installs the profile of an approved `tripwire.replace` request: the
+  // approval is spent once the package has unpacked, and stays spent if the
+  // profile then cannot be stored. Journal line "profile-installed". Returns
+  // the new profile's `about`. Throws ServiceError.
+  nlohmann::json installProfile(const std::string& requestID);
+  // Passes an agent's report of a sent message to the tripwire.
+  Tripwire& tripwire() { return tripwire_; }
+
   // True when a released credential waits in memory for this request.
   bool credentialWaiting(const std::string& requestID);
   // True when the cloud road is up and connected, so phones are rung.
@@ -276,6 +300,7 @@ class Service {
   Callers callers_;
   DeviceKeys deviceKeys_;
   Allowances allowances_;
+  Tripwire tripwire_;
 
   OpenedCredential openCredential(const nlohmann::json& envelope,
                                   const StoredRequest& request);
