@@ -144,7 +144,10 @@ std::string FolderCloudStore::container() const {
 }
 
 void FolderCloudStore::onPush(std::function<void()> push) {
-  MutexLock lock(mu_);
+  UniqueLock lock(mu_);
+  // A push under way finishes before its callback is replaced, so that the
+  // one who clears it may go away afterwards.
+  idle_.wait(lock, [this]() REQUIRES(mu_) { return !pushing_; });
   push_ = std::move(push);
 }
 
@@ -522,8 +525,15 @@ void FolderCloudStore::watchLoop(int inotifyFD, int stopFD) {
     {
       MutexLock lock(mu_);
       push = push_;
+      pushing_ = static_cast<bool>(push);
     }
-    if (push) push();
+    if (!push) continue;
+    push();
+    {
+      MutexLock lock(mu_);
+      pushing_ = false;
+    }
+    idle_.notify_all();
   }
 }
 

@@ -13,6 +13,7 @@
 #include "tolvanger/kit/sign_in.h"
 #include "tolvanger/kit/summary.h"
 #include "tolvanger/kit/text.h"
+#include "tolvanger/service/cloud_road.h"
 
 namespace tolvanger::service {
 
@@ -111,6 +112,7 @@ StoredRequest Service::raise(const std::string& operation, Fields fields,
                   {"credential", options.credentialName.value_or("-")},
                   {"client", clientOf(request)},
                   {"off-profile", request.notice.has_value()}});
+  if (const auto road = cloud_.load().lock()) road->notify(request);
   return request;
 }
 
@@ -321,29 +323,25 @@ json Service::status() {
   }
   json secretNames = json::array();
   for (const SecretName& s : secrets_.all()) secretNames.push_back(s.name);
-  return json{
-      {"ok", true},
-      {"daemon_id", config.daemonID},
-      {"host", config.host},
-      {"version", 1},
-      {"fingerprint", Fingerprint::of(identity_.spki())},
-      {"fingerprint_pq", Fingerprint::of(identity_.pqPublicKey())},
-      {"devices", std::move(deviceRows)},
-      {"secrets", std::move(secretNames)},
-      {"pending", store_.pendingCount()},
-      {"credentials_held", credentials_.count()},
-      {"allowances", 0},
-      {"require_sealed", config.requireSealed},
-      {"max_phones", config.maxPhones},
-      {"listen", config.listen},
-      {"listen_port", config.listenPort},
-      {"addresses", phoneAddresses()},
-      {"chain", chain_.report()},
-      {"tripwire", json{{"loaded", false}, {"stale", false}}},
-      {"cloud", json{{"enabled", config.cloud.enabled},
-                     {"container", config.cloud.container},
-                     {"connected", false},
-                     {"error", config.cloud.enabled ? "not started" : ""}}}};
+  return json{{"ok", true},
+              {"daemon_id", config.daemonID},
+              {"host", config.host},
+              {"version", 1},
+              {"fingerprint", Fingerprint::of(identity_.spki())},
+              {"fingerprint_pq", Fingerprint::of(identity_.pqPublicKey())},
+              {"devices", std::move(deviceRows)},
+              {"secrets", std::move(secretNames)},
+              {"pending", store_.pendingCount()},
+              {"credentials_held", credentials_.count()},
+              {"allowances", 0},
+              {"require_sealed", config.requireSealed},
+              {"max_phones", config.maxPhones},
+              {"listen", config.listen},
+              {"listen_port", config.listenPort},
+              {"addresses", phoneAddresses()},
+              {"chain", chain_.report()},
+              {"tripwire", json{{"loaded", false}, {"stale", false}}},
+              {"cloud", cloudState()}};
 }
 
 json Service::openedReply(const StoredRequest& request) const {
@@ -361,6 +359,7 @@ Nudge Service::nudge(const std::string& kind) {
   }
   Nudge raised = nudges_.raise(kind);
   journal_.write("nudged", {{"kind", raised.kind}, {"nudge", raised.id}});
+  if (const auto road = cloud_.load().lock()) road->nudge(raised);
   return raised;
 }
 
@@ -416,7 +415,28 @@ bool Service::credentialWaiting(const std::string& requestID) {
   return credentials_.waiting(requestID);
 }
 
-bool Service::cloudConnected() const { return false; }
+bool Service::cloudConnected() const {
+  const auto road = cloud_.load().lock();
+  return road && road->connected();
+}
+
+json Service::cloudState() const {
+  if (const auto road = cloud_.load().lock()) return road->state();
+  return json{{"enabled", config.cloud.enabled},
+              {"container", config.cloud.container},
+              {"connected", false},
+              {"error", config.cloud.enabled ? "not started" : ""}};
+}
+
+void Service::setCloudRoad(const std::shared_ptr<CloudRoad>& road) {
+  cloud_.store(road);
+}
+
+void Service::pokeCloud() {
+  if (const auto road = cloud_.load().lock()) road->poke();
+}
+
+std::vector<Device> Service::devices() const { return devices_.all(); }
 
 std::vector<std::string> Service::phoneAddresses() const {
   std::vector<std::string> out;

@@ -87,6 +87,7 @@ class FolderCloudStore final : public CloudStore {
   void remove(const std::vector<std::string>& names) override;
   // "folder:" and the folder.
   std::string container() const override;
+  // Replaces the push callback, after waiting for a push under way.
   void onPush(std::function<void()> push) override EXCLUDES(mu_);
 
   const std::string& folder() const { return folder_; }
@@ -125,6 +126,7 @@ class FolderCloudStore final : public CloudStore {
   std::set<std::string> seen_ GUARDED_BY(mu_);
   std::set<std::string> complained_ GUARDED_BY(mu_);
   std::function<void()> push_ GUARDED_BY(mu_);
+  bool pushing_ GUARDED_BY(mu_) = false;
   int inotify_ GUARDED_BY(mu_) = -1;
   int stop_ GUARDED_BY(mu_) = -1;
   std::thread watcher_;
