@@ -203,8 +203,11 @@ std::vector<std::string> FolderCloudStore::list() const {
 void FolderCloudStore::complain(const std::string& file,
                                 const std::string& why) {
   {
+    // Once for each file and reason: a file caught half-written by a sync
+    // engine that writes in place is looked at again, and may be delivered
+    // or skipped for another reason once it is whole.
     MutexLock lock(mu_);
-    if (!complained_.insert(file).second) return;
+    if (!complained_.insert(file + "/" + why).second) return;
   }
   if (complaint_) complaint_(file, why);
 }
@@ -434,8 +437,8 @@ CloudChanges FolderCloudStore::changes() {
     seen_ = nowSeen;
     // Complaints are forgotten with their files, so a name reused later is
     // looked at afresh.
-    std::erase_if(complained_, [&](const std::string& file) {
-      return !stillThere.contains(file);
+    std::erase_if(complained_, [&](const std::string& entry) {
+      return !stillThere.contains(entry.substr(0, entry.rfind('/')));
     });
   }
   if (moved) {
