@@ -107,6 +107,21 @@ std::optional<CloudRecord> CloudRecord::from(const json& object) {
   return out;
 }
 
+std::optional<CloudRecord> CloudRecord::fromJSON(std::string_view text) {
+  // A record is a flat object; anything nested deeper is not one.
+  constexpr int kMaxDepth = 2;
+  bool deep = false;
+  json::parser_callback_t limit = [&deep](int depth, json::parse_event_t,
+                                          json&) {
+    if (depth <= kMaxDepth) return true;
+    deep = true;
+    return false;
+  };
+  json parsed = json::parse(text, limit, /*allow_exceptions=*/false);
+  if (deep) return std::nullopt;
+  return from(parsed);
+}
+
 std::vector<CloudSubscription> CloudSubscription::mac() {
   return {{"tolvanger-mac-call", Cloud::Side::kMac, {Cloud::Kind::kCall}, {}}};
 }

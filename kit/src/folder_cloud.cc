@@ -26,8 +26,6 @@ namespace {
 constexpr std::string_view kSuffix = ".rec";
 constexpr size_t kWriterSize = 8;
 constexpr size_t kMaxSeqDigits = 19;
-// A record is a flat object; anything nested deeper is not one.
-constexpr int kMaxDepth = 2;
 
 uint64_t nowMicros() {
   return static_cast<uint64_t>(
@@ -49,19 +47,6 @@ bool looksLikeConflict(std::string_view file) {
          file.find(".conflict") != std::string_view::npos ||
          file.find("conflicted copy") != std::string_view::npos ||
          file.find(".orig") != std::string_view::npos || file.ends_with("~");
-}
-
-json parseFlat(std::string_view text) {
-  bool deep = false;
-  json::parser_callback_t limit = [&deep](int depth, json::parse_event_t,
-                                          json&) {
-    if (depth <= kMaxDepth) return true;
-    deep = true;
-    return false;
-  };
-  json parsed = json::parse(text, limit, /*allow_exceptions=*/false);
-  if (deep || !parsed.is_object()) return json();
-  return parsed;
 }
 
 // Writes all of `data` to `fd`; false with errno set on failure.
@@ -239,7 +224,7 @@ std::optional<CloudRecord> FolderCloudStore::read(const std::string& file,
     complain(file, "size");
     return std::nullopt;
   }
-  std::optional<CloudRecord> record = CloudRecord::from(parseFlat(*text));
+  std::optional<CloudRecord> record = CloudRecord::fromJSON(*text);
   if (!record || record->name != parsed.name) {
     complain(file, "malformed");
     return std::nullopt;

@@ -95,6 +95,10 @@ struct CloudRecord {
   // "expires"); nothing if one is missing or of another type, or the name
   // is not a record name.
   static std::optional<CloudRecord> from(const nlohmann::json& object);
+  // Parses `text` as a flat JSON object (nothing nested deeper than one
+  // level is accepted, so a hostile text cannot make a deep tree) and reads
+  // it as `from` does.
+  static std::optional<CloudRecord> fromJSON(std::string_view text);
 
   bool operator==(const CloudRecord&) const = default;
 };
