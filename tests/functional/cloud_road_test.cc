@@ -5,7 +5,9 @@
 // and the agent's call reaches the local HTTPS server with it.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -83,7 +85,9 @@ class CloudRoad : public ::testing::Test {
   }
 
   Ran phone(std::vector<std::string> args, const std::string& input = "") {
-    args.insert(args.begin(), {"--cloud", "folder:" + folder_});
+    args.insert(args.begin(),
+                {"--cloud",
+                 "folder:" + (phoneFolder_.empty() ? folder_ : phoneFolder_)});
     return runPhone(phoneHome_, args, input);
   }
 
@@ -113,6 +117,8 @@ class CloudRoad : public ::testing::Test {
   HTTPSUpstream upstream_;
   TempDir dir_;
   std::string home_, phoneHome_, folder_;
+  // The phone's own copy of the folder, when a sync engine keeps the two.
+  std::string phoneFolder_;
   std::unique_ptr<ServiceProcess> service_;
   std::unique_ptr<SocketClient> admin_;
 };
@@ -266,6 +272,49 @@ TEST_F(CloudRoad, HostileFilesAreJournalledAndTheServiceKeepsServing) {
   const Ran listed = phone({"pending"});
   EXPECT_EQ(listed.status, 0) << listed.err;
   EXPECT_EQ(count(journal(), "why=link"), 1u);
+}
+
+// The computer and the phone each see a folder of their own, and a real sync
+// engine (unison, run over and over by the test) carries records between
+// them: late, in batches and in whatever order it likes.
+TEST_F(CloudRoad, TheRoundTripCompletesThroughASyncEngine) {
+  phoneFolder_ = dir_.file("phone-side");
+  fs::create_directory(phoneFolder_);
+  const std::string state = dir_.file("unison-state");
+  fs::create_directory(state);
+  std::atomic<bool> running = true;
+  std::atomic<int> rounds = 0;
+  std::thread engine([&] {
+    const std::string command =
+        "UNISON='" + state + "' unison '" + folder_ + "' '" + phoneFolder_ +
+        "' -batch -auto -silent -confirmbigdel=false -ignore 'Name .*' "
+        ">/dev/null 2>&1";
+    while (running) {
+      if (std::system(command.c_str()) == 0) ++rounds;
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+  });
+  struct Stop {
+    std::atomic<bool>& running;
+    std::thread& engine;
+    ~Stop() {
+      running = false;
+      engine.join();
+    }
+  } stop{running, engine};
+
+  SocketClient agent(service_->socketPath());
+  ASSERT_EQ(agent.call({{"op", "hello"}, {"client", "claude"}})["ok"], true);
+  const std::string id = openRequest(agent);
+  ASSERT_FALSE(id.empty());
+  const Ran listed = phone({"pending"});
+  ASSERT_EQ(listed.status, 0) << listed.err;
+  EXPECT_NE(listed.out.find(id), std::string::npos) << listed.out;
+  const Ran approved = phone({"approve", id}, "approve\n" + kValue + "\n");
+  ASSERT_EQ(approved.status, 0) << approved.err;
+  const json performed = agent.call({{"op", "proxy.perform"}, {"id", id}});
+  EXPECT_EQ(performed["status"], 200) << performed;
+  EXPECT_GT(rounds.load(), 1);
 }
 
 }  // namespace
