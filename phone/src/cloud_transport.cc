@@ -159,10 +159,14 @@ json CloudTransport::call(std::string_view method, std::string_view path,
     while (steady_clock::now() < deadline) {
       if (take()) break;
       drain();
+      // A drain that another thread finishes from here on ends the sleep
+      // below; one finished before has left its reply for `take`.
+      const uint64_t since = generation();
       if (take()) break;
-      sleepOrPush(std::min(
-          poll, std::chrono::duration_cast<milliseconds>(
-                    deadline - steady_clock::now() + milliseconds(1))));
+      sleepOrPush(since,
+                  std::min(poll, std::chrono::duration_cast<milliseconds>(
+                                     deadline - steady_clock::now() +
+                                     milliseconds(1))));
     }
   } catch (...) {
     forget();
@@ -317,10 +321,14 @@ void CloudTransport::drainOnce() {
                 [&](const std::string& id) { return !replies_.contains(id); });
 }
 
-void CloudTransport::sleepOrPush(milliseconds length) {
+uint64_t CloudTransport::generation() const {
+  MutexLock lock(mu_);
+  return wakes_;
+}
+
+void CloudTransport::sleepOrPush(uint64_t since, milliseconds length) {
   UniqueLock lock(mu_);
-  const uint64_t start = wakes_;
-  wake_.wait_for(lock, length, [&]() REQUIRES(mu_) { return wakes_ != start; });
+  wake_.wait_for(lock, length, [&]() REQUIRES(mu_) { return wakes_ != since; });
 }
 
 void CloudTransport::poke() {
@@ -353,8 +361,10 @@ std::optional<TolvangerRequest> CloudTransport::nextRequest(milliseconds wait) {
     drain();
     std::optional<json> payload;
     milliseconds poll;
+    uint64_t since = 0;
     {
       MutexLock lock(mu_);
+      since = wakes_;
       poll = pollEvery_;
       if (!notified_.empty()) {
         payload = std::move(notified_.begin()->second);
@@ -369,9 +379,9 @@ std::optional<TolvangerRequest> CloudTransport::nextRequest(milliseconds wait) {
         continue;  // a notice that fails the checks is dropped
       }
     }
-    sleepOrPush(
-        std::min(poll, std::chrono::duration_cast<milliseconds>(
-                           deadline - steady_clock::now() + milliseconds(1))));
+    sleepOrPush(since, std::min(poll, std::chrono::duration_cast<milliseconds>(
+                                          deadline - steady_clock::now() +
+                                          milliseconds(1))));
   }
   return std::nullopt;
 }

@@ -303,6 +303,17 @@ TEST_F(CloudRoad, TheRoundTripCompletesThroughASyncEngine) {
     }
   } stop{running, engine};
 
+  // The phone can start once the engine has carried the card across.
+  const auto carried = [&] {
+    for (const std::string& file : filesBelow(phoneFolder_)) {
+      if (fs::path(file).filename().string().starts_with("card-")) return true;
+    }
+    return false;
+  };
+  while (inBudget() && !carried()) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  ASSERT_TRUE(carried());
   SocketClient agent(service_->socketPath());
   ASSERT_EQ(agent.call({{"op", "hello"}, {"client", "claude"}})["ok"], true);
   const std::string id = openRequest(agent);

@@ -111,8 +111,11 @@ class CloudTransport {
 
   void drain() EXCLUDES(mu_);
   void drainOnce();
-  // Waits up to `length` or until a push.
-  void sleepOrPush(std::chrono::milliseconds length) EXCLUDES(mu_);
+  // Counts pushes and finished drains.
+  uint64_t generation() const EXCLUDES(mu_);
+  // Waits up to `length`, or until a push or a drain after `since`.
+  void sleepOrPush(uint64_t since, std::chrono::milliseconds length)
+      EXCLUDES(mu_);
   std::optional<nlohmann::json> open(const CloudRecord& record) const;
 
   const std::shared_ptr<CloudStore> store_;
