@@ -308,17 +308,19 @@ void CloudTransport::drainOnce() {
   // Unclaimed replies go first, oldest first; one a call waits for goes
   // last.
   while (replies_.size() > kMaxReplies) {
-    const auto victim = std::find_if(
-        replyOrder_.begin(), replyOrder_.end(), [&](const std::string& id) {
-          return replies_.contains(id) && !outstanding_.contains(id);
-        });
+    const auto victim = std::find_if(replyOrder_.begin(), replyOrder_.end(),
+                                     [&](const std::string& id) REQUIRES(mu_) {
+                                       return replies_.contains(id) &&
+                                              !outstanding_.contains(id);
+                                     });
     const auto chosen =
         victim != replyOrder_.end() ? victim : replyOrder_.begin();
     replies_.erase(*chosen);
     replyOrder_.erase(chosen);
   }
-  std::erase_if(replyOrder_,
-                [&](const std::string& id) { return !replies_.contains(id); });
+  std::erase_if(replyOrder_, [&](const std::string& id) REQUIRES(mu_) {
+    return !replies_.contains(id);
+  });
 }
 
 uint64_t CloudTransport::generation() const {
