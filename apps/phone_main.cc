@@ -55,7 +55,8 @@ using tolvanger::phone::SecretList;
 using tolvanger::phone::SoftwarePhone;
 
 constexpr const char* kUsage =
-    "usage: tolvanger-phone [--clear] <command> [arguments]\n"
+    "usage: tolvanger-phone [--clear | --cloud folder:PATH] <command> "
+    "[arguments]\n"
     "\n"
     "commands:\n"
     "  pair <link> [--name NAME]      pair with the Mac that shows this link\n"
@@ -84,8 +85,10 @@ constexpr const char* kUsage =
     "Picks, confirmations, credential values and cookie headers are read\n"
     "from standard input, one line each; values and cookie headers are never\n"
     "kept here. --clear talks to the Mac without the sealed road,\n"
-    "for a Mac whose require_sealed is off. The home is $TOLVANGER_PHONE_HOME\n"
-    "if set.\n";
+    "for a Mac whose require_sealed is off. --cloud takes every call but\n"
+    "pairing through records in a folder that a sync engine shares with\n"
+    "the Mac, whose cloud.container names the same folder. The home is\n"
+    "$TOLVANGER_PHONE_HOME if set.\n";
 
 // A mistake in the command line: printed with a pointer to the usage.
 class UsageError : public std::runtime_error {
@@ -100,6 +103,7 @@ const tolvanger::phone::Console console(STDIN_FILENO, stdout);
 
 struct Options {
   bool clear = false;
+  std::optional<std::string> cloud;
   std::vector<std::string> args;
 };
 
@@ -128,6 +132,12 @@ void requireRequestID(const std::string& id) {
   if (!tolvanger::Ids::isID(id)) {
     throw Refusal("That is not a request id.");
   }
+}
+
+SoftwarePhone softwarePhone(const Options& options) {
+  SoftwarePhone phone(PhoneHome::open(), options.clear);
+  if (options.cloud) phone.useCloud(*options.cloud);
+  return phone;
 }
 
 int pair(std::vector<std::string> args) {
@@ -160,7 +170,7 @@ int pair(std::vector<std::string> args) {
 
 int pending(const Options& options, std::vector<std::string> args) {
   expectArguments(args, 0, "pending takes no arguments");
-  SoftwarePhone phone(PhoneHome::open(), options.clear);
+  SoftwarePhone phone = softwarePhone(options);
   for (const auto& row : phone.pending().rows) {
     std::string headline;
     std::string sentence;
@@ -181,7 +191,7 @@ int pending(const Options& options, std::vector<std::string> args) {
 int show(const Options& options, std::vector<std::string> args) {
   expectArguments(args, 1, "show needs a request id");
   requireRequestID(args[0]);
-  SoftwarePhone phone(PhoneHome::open(), options.clear);
+  SoftwarePhone phone = softwarePhone(options);
   std::fputs(tolvanger::phone::describe(phone.request(args[0])).c_str(),
              stdout);
   return 0;
@@ -299,7 +309,7 @@ int approve(const Options& options, std::vector<std::string> args) {
   }
   expectArguments(args, 1, "approve needs a request id");
   requireRequestID(args[0]);
-  SoftwarePhone phone(PhoneHome::open(), options.clear);
+  SoftwarePhone phone = softwarePhone(options);
 
   const auto drawnAt = std::chrono::system_clock::now();
   const tolvanger::phone::TolvangerRequest request = phone.request(args[0]);
@@ -372,7 +382,7 @@ int approve(const Options& options, std::vector<std::string> args) {
 int deny(const Options& options, std::vector<std::string> args) {
   expectArguments(args, 1, "deny needs a request id");
   requireRequestID(args[0]);
-  SoftwarePhone phone(PhoneHome::open(), options.clear);
+  SoftwarePhone phone = softwarePhone(options);
   phone.deny(args[0], std::chrono::system_clock::now());
   std::printf("Denied.\n");
   return 0;
@@ -410,7 +420,7 @@ int secrets(const Options& options, std::vector<std::string> args) {
   if (args.empty()) throw UsageError("secrets needs add, remove or list");
   const std::string verb = args[0];
   args.erase(args.begin());
-  SoftwarePhone phone(PhoneHome::open(), options.clear);
+  SoftwarePhone phone = softwarePhone(options);
   SecretList list = phone.home().secrets();
 
   if (verb == "list") {
@@ -470,6 +480,13 @@ int main(int argc, char** argv) {
   if (!options.args.empty() && options.args[0] == "--clear") {
     options.clear = true;
     options.args.erase(options.args.begin());
+  } else if (!options.args.empty() && options.args[0] == "--cloud") {
+    if (options.args.size() < 2) {
+      std::fputs("tolvanger-phone: --cloud needs folder:PATH\n", stderr);
+      return 2;
+    }
+    options.cloud = options.args[1];
+    options.args.erase(options.args.begin(), options.args.begin() + 2);
   }
   if (options.args.empty() || options.args[0] == "help" ||
       options.args[0] == "--help" || options.args[0] == "-h") {

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "tolvanger/kit/clock.h"
+#include "tolvanger/kit/cloud_store.h"
 #include "tolvanger/kit/curl_memory.h"
 #include "tolvanger/kit/ids.h"
 #include "tolvanger/phone/oauth_flow.h"
@@ -536,6 +537,14 @@ Failure of(const std::exception& error) {
   }
   if (dynamic_cast<const OAuthError*>(&error)) {
     return {finish(detail), std::move(detail), false};
+  }
+  if (const auto* cloud = dynamic_cast<const CloudError*>(&error)) {
+    if (cloud->kind() == CloudError::Kind::kRefused) {
+      return {finish(cloud->detail()), std::move(detail), false};
+    }
+    return {"iCloud is not reachable from this phone right now. " +
+                finish(cloud->detail()),
+            std::move(detail), false};
   }
   return {"Something went wrong.", std::move(detail), false};
 }

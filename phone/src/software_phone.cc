@@ -7,6 +7,7 @@
 #include "tolvanger/kit/ascii.h"
 #include "tolvanger/kit/clock.h"
 #include "tolvanger/kit/fingerprint.h"
+#include "tolvanger/kit/folder_cloud.h"
 #include "tolvanger/kit/random.h"
 #include "tolvanger/port/system.h"
 
@@ -38,10 +39,27 @@ SoftwarePhone::SoftwarePhone(PhoneHome home, bool clear,
       timeout_(timeout),
       transport_(std::move(transport)) {}
 
+void SoftwarePhone::useCloud(std::string_view container) {
+  const std::optional<std::string> folder =
+      FolderCloudStore::folderOf(container);
+  if (!folder) {
+    throw Refusal(
+        "This phone reaches the cloud road only through a synced folder: "
+        "give --cloud folder:<absolute path>.");
+  }
+  cloudFolder_ = folder;
+}
+
 void SoftwarePhone::connect() {
-  if (sealed_ || plain_) return;
+  if (sealed_ || plain_ || cloud_) return;
   if (!pairing_) pairing_ = home_.requirePairing();
-  if (clear_) {
+  if (cloudFolder_) {
+    cloud_ = CloudTransport::connect(
+        std::make_shared<FolderCloudStore>(*cloudFolder_,
+                                           home_.file("cloud-cursor.json")),
+        pairing_->daemonSPKI, pairing_->daemonPQ, pairing_->deviceID,
+        pairing_->deviceSecret, home_.cloudKey());
+  } else if (clear_) {
     plain_.emplace(pairing_->address, timeout_, transport_);
   } else {
     sealed_ = sealedRoad();
@@ -57,11 +75,13 @@ std::unique_ptr<SealedRoad> SoftwarePhone::sealedRoad() const {
 
 PendingList SoftwarePhone::pending() {
   connect();
+  if (cloud_) return cloud_->pending();
   return sealed_ ? sealed_->pending() : plain_->pending();
 }
 
 TolvangerRequest SoftwarePhone::request(std::string_view id) {
   connect();
+  if (cloud_) return cloud_->request(id);
   return sealed_
              ? sealed_->request(id)
              : plain_->request(id, pairing_->daemonSPKI, pairing_->daemonPQ);
@@ -75,6 +95,10 @@ json SoftwarePhone::approve(const TolvangerRequest& request,
   const SoftwareSigner signer = home_.signer();
   const Bytes signature = signer.signature(binding);
   const Bytes pqSignature = signer.pqSignature(binding);
+  if (cloud_) {
+    return cloud_->approve(request, signature, pqSignature, credential, drawnAt,
+                           DrawnFrom::kCloud);
+  }
   if (sealed_) {
     return sealed_->approve(request, signature, pqSignature, credential,
                             drawnAt, DrawnFrom::kPoll);
@@ -92,6 +116,7 @@ json SoftwarePhone::approve(const TolvangerRequest& request,
 json SoftwarePhone::deny(std::string_view id,
                          std::chrono::system_clock::time_point drawnAt) {
   connect();
+  if (cloud_) return cloud_->deny(id, drawnAt, DrawnFrom::kCloud);
   return sealed_ ? sealed_->deny(id, drawnAt, DrawnFrom::kPoll)
                  : plain_->deny(id, drawnAt, DrawnFrom::kPoll);
 }
@@ -125,7 +150,9 @@ void SoftwarePhone::announce(SecretList& list) {
   home_.saveSecrets(list);
   connect();
   json answer;
-  if (sealed_) {
+  if (cloud_) {
+    answer = cloud_->announce(list.announcement(), list.seq);
+  } else if (sealed_) {
     answer = sealed_->announce(list.announcement(), list.seq);
   } else {
     json body = {{"secrets", list.announcement()},

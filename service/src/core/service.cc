@@ -14,6 +14,7 @@
 #include "tolvanger/kit/sign_in.h"
 #include "tolvanger/kit/summary.h"
 #include "tolvanger/kit/text.h"
+#include "tolvanger/service/cloud_road.h"
 
 namespace tolvanger::service {
 
@@ -126,7 +127,9 @@ StoredRequest Service::raise(const std::string& operation, Fields fields,
                   {"credential", options.credentialName.value_or("-")},
                   {"client", clientOf(request)},
                   {"off-profile", request.notice.has_value()}});
+  // A use of an allowance settles at once: no phone is told.
   if (options.allowed != nullptr) return settle(request, *options.allowed);
+  if (const auto road = cloud_.load().lock()) road->notify(request);
   return request;
 }
 
@@ -403,31 +406,27 @@ json Service::status() {
   json deviceRows = this->deviceRows();
   json secretNames = json::array();
   for (const SecretName& s : secrets_.all()) secretNames.push_back(s.name);
-  return json{
-      {"ok", true},
-      {"daemon_id", config.daemonID},
-      {"host", config.host},
-      {"version", 1},
-      {"fingerprint", identity_.fingerprint()},
-      {"fingerprint_pq", identity_.pqFingerprint()},
-      {"devices", std::move(deviceRows)},
-      {"secrets", std::move(secretNames)},
-      {"pending", store_.pendingCount()},
-      {"credentials_held", credentials_.count()},
-      {"allowances", openAllowances().size()},
-      {"require_sealed", config.requireSealed},
-      {"max_phones", config.maxPhones},
-      {"listen", config.listen},
-      {"listen_port", config.listenPort},
-      {"addresses", phoneAddresses()},
-      {"chain", chain_.report()},
-      {"tripwire", json{{"loaded", tripwire_.load()},
-                        {"stale", tripwire_.isStale(nowSeconds())}}},
-      {"cloud", json{{"enabled", config.cloud.enabled},
-                     {"container", config.cloud.container},
-                     {"connected", false},
-                     {"error", config.cloud.enabled ? "not started" : ""}}},
-      {"build", kBuildNumber}};
+  return json{{"ok", true},
+              {"daemon_id", config.daemonID},
+              {"host", config.host},
+              {"version", 1},
+              {"fingerprint", identity_.fingerprint()},
+              {"fingerprint_pq", identity_.pqFingerprint()},
+              {"devices", std::move(deviceRows)},
+              {"secrets", std::move(secretNames)},
+              {"pending", store_.pendingCount()},
+              {"credentials_held", credentials_.count()},
+              {"allowances", openAllowances().size()},
+              {"require_sealed", config.requireSealed},
+              {"max_phones", config.maxPhones},
+              {"listen", config.listen},
+              {"listen_port", config.listenPort},
+              {"addresses", phoneAddresses()},
+              {"chain", chain_.report()},
+              {"tripwire", json{{"loaded", tripwire_.load()},
+                                {"stale", tripwire_.isStale(nowSeconds())}}},
+              {"cloud", cloudState()},
+              {"build", kBuildNumber}};
 }
 
 json Service::openedReply(const StoredRequest& request) const {
@@ -445,6 +444,7 @@ Nudge Service::nudge(const std::string& kind) {
   }
   Nudge raised = nudges_.raise(kind);
   journal_.write("nudged", {{"kind", raised.kind}, {"nudge", raised.id}});
+  if (const auto road = cloud_.load().lock()) road->nudge(raised);
   return raised;
 }
 
@@ -500,7 +500,28 @@ bool Service::credentialWaiting(const std::string& requestID) {
   return credentials_.waiting(requestID);
 }
 
-bool Service::cloudConnected() const { return false; }
+bool Service::cloudConnected() const {
+  const auto road = cloud_.load().lock();
+  return road && road->connected();
+}
+
+json Service::cloudState() const {
+  if (const auto road = cloud_.load().lock()) return road->state();
+  return json{{"enabled", config.cloud.enabled},
+              {"container", config.cloud.container},
+              {"connected", false},
+              {"error", config.cloud.enabled ? "not started" : ""}};
+}
+
+void Service::setCloudRoad(const std::shared_ptr<CloudRoad>& road) {
+  cloud_.store(road);
+}
+
+void Service::pokeCloud() {
+  if (const auto road = cloud_.load().lock()) road->poke();
+}
+
+std::vector<Device> Service::devices() const { return devices_.all(); }
 
 std::vector<std::string> Service::phoneAddresses() const {
   std::vector<std::string> out;

@@ -342,6 +342,7 @@ RouteResult Routes::confirm(const json& body) {
   PairResult result = service_.pairConfirm(body);
   RouteResult answer = wrap(result.payload, result.device);
   wipe(result.device.secret);
+  service_.pokeCloud();  // a new phone to leave notices for
   return answer;
 }
 
@@ -349,6 +350,7 @@ RouteResult Routes::recover(const json& body) {
   PairResult result = service_.pairRecover(body);
   RouteResult answer = wrap(result.payload, result.device);
   wipe(result.device.secret);
+  service_.pokeCloud();
   return answer;
 }
 
@@ -419,6 +421,7 @@ RouteResult Routes::cloudKey(const json& body,
   }
   // A device forgotten in the meantime stays forgotten.
   service_.setDeviceCloudKey(who->deviceID, *raw);
+  service_.pokeCloud();
   return success(json{{"ok", true}});
 }
 

@@ -7,8 +7,9 @@
 //
 // Every call but pairing goes sealed through `POST /v1/sealed`
 // (`SealedRoad`) unless the phone is made `clear`, for a Mac whose
-// require_sealed is off; a credential travels sealed to the Mac's card on
-// both roads.
+// require_sealed is off, or is told to use the cloud road (`CloudTransport`
+// on a folder store); a credential travels sealed to the Mac's card on every
+// road.
 //
 // Thread safety: `SoftwarePhone` and `PhonePairing` are for one thread at a
 // time: they make their road and keep their keys on first use, unguarded.
@@ -28,6 +29,7 @@
 #include "tolvanger/kit/bytes.h"
 #include "tolvanger/kit/crypto/xwing.h"
 #include "tolvanger/kit/pair_link.h"
+#include "tolvanger/phone/cloud_transport.h"
 #include "tolvanger/phone/pairing_client.h"
 #include "tolvanger/phone/phone_client.h"
 #include "tolvanger/phone/phone_home.h"
@@ -47,6 +49,11 @@ class SoftwarePhone {
                          std::shared_ptr<HTTPTransport> transport = nullptr);
 
   const PhoneHome& home() const { return home_; }
+
+  // Takes every call but pairing through records in the store that
+  // `container` names ("folder:<absolute path>") instead of the network.
+  // Throws Refusal for a container this phone cannot use.
+  void useCloud(std::string_view container);
 
   // What waits on the Mac, and one request checked against the pins. These
   // and `deny` throw Refusal when the phone is not paired, and as the road
@@ -90,6 +97,8 @@ class SoftwarePhone {
   std::unique_ptr<SavedPairing> pairing_;
   std::unique_ptr<SealedRoad> sealed_;
   std::optional<DaemonClient> plain_;
+  std::optional<std::string> cloudFolder_;
+  std::unique_ptr<CloudTransport> cloud_;
 };
 
 // Pairing this phone with the Mac that shows a pair link: `offer` sends the

@@ -1,5 +1,5 @@
-// Starts and stops a service's listeners in a fixed order and writes the
-// journal's `started` and `stopped` lines.
+// Starts and stops a service's listeners and its cloud road in a fixed order
+// and writes the journal's `started` and `stopped` lines.
 //
 // Thread safety: `start` and `stop` are called by one thread (the process's
 // main thread); `service()` may be used from any thread once started.
@@ -11,8 +11,10 @@
 #include <string>
 #include <vector>
 
+#include "tolvanger/kit/cloud_store.h"
 #include "tolvanger/service/agent_socket.h"
 #include "tolvanger/service/broker.h"
+#include "tolvanger/service/cloud_road.h"
 #include "tolvanger/service/config.h"
 #include "tolvanger/service/home.h"
 #include "tolvanger/service/http_server.h"
@@ -23,10 +25,13 @@ namespace tolvanger::service {
 
 class Runtime {
  public:
-  // Builds the service and its broker, whose outgoing calls use `upstream`;
-  // throws what the service's construction throws.
+  // Builds the service and its broker, whose outgoing calls use `upstream`,
+  // and, when the configuration enables it, the cloud road on `cloudStore`
+  // or else on the store its container names; throws what the service's
+  // construction throws.
   explicit Runtime(Home home, std::optional<Config> config = std::nullopt,
-                   UpstreamSettings upstream = {});
+                   UpstreamSettings upstream = {},
+                   std::shared_ptr<CloudStore> cloudStore = nullptr);
   ~Runtime();
 
   Runtime(const Runtime&) = delete;
@@ -43,6 +48,8 @@ class Runtime {
   Broker& broker() { return *broker_; }
   const std::string& socketPath() const { return socketPath_; }
   const std::vector<std::string>& addresses() const { return addresses_; }
+  // The cloud road, when the configuration enables one.
+  CloudRoad* cloud() { return cloud_.get(); }
 
  private:
   std::unique_ptr<Service> service_;
@@ -52,6 +59,8 @@ class Runtime {
   std::string socketPath_;
   std::unique_ptr<AgentSocket> agents_;
   std::vector<std::string> addresses_;
+  // Last, so that it goes before what it uses.
+  std::shared_ptr<CloudRoad> cloud_;
   bool running_ = false;
 };
 

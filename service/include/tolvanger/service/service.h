@@ -14,6 +14,8 @@
 #ifndef TOLVANGER_SERVICE_SERVICE_H_
 #define TOLVANGER_SERVICE_SERVICE_H_
 
+#include <atomic>
+#include <memory>
 #include <mutex>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -42,6 +44,8 @@
 #include "tolvanger/service/tripwire.h"
 
 namespace tolvanger::service {
+
+class CloudRoad;
 
 // The first line of the six that both sides sign for a request.
 inline constexpr std::string_view kBindingVersion = "tolvanger-v1";
@@ -190,6 +194,13 @@ class Service {
   bool credentialWaiting(const std::string& requestID);
   // True when the cloud road is up and connected, so phones are rung.
   bool cloudConnected() const;
+  // The cloud road that raise, nudge and status use, held weakly; set by
+  // the runtime around the road's life, null to forget it.
+  void setCloudRoad(const std::shared_ptr<CloudRoad>& road);
+  // Ends the cloud road's nap, if there is a road: new work for it.
+  void pokeCloud();
+  // The paired phones, in the registry's order.
+  std::vector<Device> devices() const;
 
   // Addresses a phone can reach, as "address:port".
   std::vector<std::string> phoneAddresses() const;
@@ -302,12 +313,15 @@ class Service {
   Allowances allowances_;
   Tripwire tripwire_;
 
+  nlohmann::json cloudState() const;
   OpenedCredential openCredential(const nlohmann::json& envelope,
                                   const StoredRequest& request);
   // Approves a request that an open allowance covers, without the phone.
   StoredRequest settle(const StoredRequest& request, AllowanceUse& allowed);
 
   std::vector<std::string> listenAddresses_;
+  // Loaded anew at each use, since the road may be gone.
+  std::atomic<std::weak_ptr<CloudRoad>> cloud_;
   // Makes each announcement's staleness check, its replace of the secret
   // names and its new `announceSeq` one step. It guards no field of its own:
   // the registries' locks nest inside it, and no file is written under it.
