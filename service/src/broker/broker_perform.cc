@@ -289,8 +289,7 @@ json Broker::send(const Wire& wire, const std::vector<OutgoingHeader>& headers,
     connectTo.append(entry.c_str());
   }
   Answer answer;
-  if (!configure(handle.get(), *url, wire, list, connectTo, settings,
-                 answer)) {
+  if (!configure(handle.get(), *url, wire, list, connectTo, settings, answer)) {
     throw ServiceError::internalFailure(
         "the upstream call could not be set up" + std::string(kSpentNote));
   }

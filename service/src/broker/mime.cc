@@ -427,13 +427,11 @@ std::string decode(std::string_view text) {
     if (text.substr(i, 2) == "=?") {
       // An encoded word holds no blank and is short; looking no further
       // keeps a long header of near-words from costing a search each.
-      const std::string_view window =
-          text.substr(i, std::min(text.find_first_of(" \t", i), i + kMaxWord) -
-                             i);
+      const std::string_view window = text.substr(
+          i, std::min(text.find_first_of(" \t", i), i + kMaxWord) - i);
       const size_t first = window.find('?', 2);
-      const size_t second = first == std::string_view::npos
-                                ? first
-                                : window.find('?', first + 1);
+      const size_t second =
+          first == std::string_view::npos ? first : window.find('?', first + 1);
       const size_t end = second == std::string_view::npos
                              ? second
                              : window.find("?=", second + 1);
