@@ -156,6 +156,16 @@ std::string say(const std::string& verb, const Fields& f,
            span(value(f, "seconds")) + " without asking";
   }
   if (verb == "allowance-ended") return allowanceEnded(f, who);
+  if (verb == "session-watch") {
+    // Written once at start when sleep and lock cannot be heard.
+    const std::string why = value(f, "why");
+    std::string because = "this computer's sleep and lock cannot be heard";
+    if (why == "no-system-bus")
+      because = "there is no system bus to hear them on";
+    if (why == "no-logind") because = "no login manager announces them";
+    return "Allowances will not end when this computer sleeps or locks: " +
+           because;
+  }
   if (verb == "denied") {
     return client ? "You said no to " + *client : "You said no";
   }

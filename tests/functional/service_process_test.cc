@@ -17,6 +17,7 @@
 #include "tolvanger/kit/crypto/mldsa65.h"
 #include "tolvanger/kit/crypto/p256.h"
 #include "tolvanger/kit/random.h"
+#include "tolvanger/service/agent_session.h"
 #include "tolvanger/service/devices.h"
 #include "tolvanger/service/home.h"
 
@@ -257,7 +258,7 @@ TEST_F(AgentSocketTest, ALineOverTheLimitIsRefusedAndClosesTheConnection) {
   start();
   SocketClient c(service_->socketPath());
   // Exactly the limit with no line feed is kept...
-  ASSERT_TRUE(c.sendRaw(std::string(262144, 'x')));
+  ASSERT_TRUE(c.sendRaw(std::string(service::AgentSession::kMaxLine, 'x')));
   EXPECT_FALSE(c.closedByPeer(std::chrono::milliseconds(300)));
   // ...one byte more is not.
   ASSERT_TRUE(c.sendRaw("x"));
