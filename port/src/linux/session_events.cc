@@ -21,7 +21,7 @@ constexpr uint64_t kPollMicros = 200 * 1000;
 // logind at the moment the signal came (sessions come and go).
 bool isOwnSession(sd_bus* bus, const char* path) {
   if (path == nullptr) return false;
-  sd_bus_error error = SD_BUS_ERROR_NULL;
+  sd_bus_error error{};  // all empty, as SD_BUS_ERROR_NULL
   sd_bus_message* reply = nullptr;
   bool own = false;
   if (sd_bus_call_method(bus, kLogin, kManagerPath, kManager, "ListSessions",
@@ -119,7 +119,7 @@ void SessionEvents::start() {
     }
     watch->bus = bus;
     // A bus address that names no bus may only fail at the first call.
-    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_error error{};  // all empty, as SD_BUS_ERROR_NULL
     sd_bus_message* reply = nullptr;
     int owned = 0;
     const int asked = sd_bus_call_method(
