@@ -8,6 +8,8 @@
 #include <filesystem>
 #include <fstream>
 #include <regex>
+#include <string>
+#include <vector>
 
 #include "harness.h"
 
@@ -35,8 +37,8 @@ class Tmux {
     return run({"capture-pane", "-p", "-J", "-S", "-200", "-t", "setup"}).out;
   }
   // Waits until the screen matches; keeps the screen it saw as an artefact.
-  std::optional<std::smatch> waitFor(const std::string& pattern,
-                                     const std::string& name) {
+  std::optional<std::vector<std::string>> waitFor(const std::string& pattern,
+                                                  const std::string& name) {
     const std::regex re(pattern);
     std::string seen;
     while (inBudget()) {
@@ -45,7 +47,8 @@ class Tmux {
       if (std::regex_search(seen, m, re)) {
         keep(name, seen);
         last_ = seen;
-        return m;
+        // Copies: the match points into `seen`, which ends here.
+        return std::vector<std::string>(m.begin(), m.end());
       }
       std::this_thread::sleep_for(std::chrono::milliseconds(200));
     }
