@@ -1,8 +1,8 @@
 """Loads tools/tolvanger-fit as a module (it has no .py suffix)."""
 
 import importlib.machinery
-import importlib.util
 import os
+import types
 
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 FIT = os.path.join(ROOT, "tools", "tolvanger-fit")
@@ -10,8 +10,8 @@ FIT = os.path.join(ROOT, "tools", "tolvanger-fit")
 
 def load():
     loader = importlib.machinery.SourceFileLoader("tolvanger_fit", FIT)
-    spec = importlib.util.spec_from_loader("tolvanger_fit", loader)
-    module = importlib.util.module_from_spec(spec)
+    module = types.ModuleType("tolvanger_fit")
+    module.__file__ = FIT
     loader.exec_module(module)
     return module
 
