@@ -6,6 +6,7 @@
 #include <chrono>
 #include <thread>
 
+#include "curl_codes.h"
 #include "tolvanger/kit/bytes.h"
 #include "tolvanger/kit/clock.h"
 #include "tolvanger/kit/crypto/digest.h"
@@ -140,28 +141,6 @@ size_t receive(char* data, size_t size, size_t count, void* user) {
   if (body->size() + n > OAuthTokens::kMaxAnswer) return 0;
   body->append(data, n);
   return n;
-}
-
-TransportError::Code codeFor(CURLcode code) {
-  using Code = TransportError::Code;
-  switch (code) {
-    case CURLE_UNSUPPORTED_PROTOCOL:
-      return Code::kUnsupportedURL;
-    case CURLE_URL_MALFORMAT:
-      return Code::kBadURL;
-    case CURLE_COULDNT_RESOLVE_HOST:
-      return Code::kCannotFindHost;
-    case CURLE_COULDNT_CONNECT:
-      return Code::kCannotConnectToHost;
-    case CURLE_OPERATION_TIMEDOUT:
-      return Code::kTimedOut;
-    case CURLE_SEND_ERROR:
-    case CURLE_RECV_ERROR:
-    case CURLE_GOT_NOTHING:
-      return Code::kNetworkConnectionLost;
-    default:
-      return Code::kOther;
-  }
 }
 
 }  // namespace
@@ -393,7 +372,9 @@ HTTPAnswer CurlTokenTransport::post(const FormPost& call) {
   }
   if (result != CURLE_OK) {
     wipe(answer.body);
-    throw TransportError(codeFor(result),
+    long osError = 0;
+    curl_easy_getinfo(h, CURLINFO_OS_ERRNO, &osError);
+    throw TransportError(transportCodeFor(result, osError),
                          error[0] != '\0' ? error : curl_easy_strerror(result));
   }
   curl_easy_getinfo(h, CURLINFO_RESPONSE_CODE, &answer.status);

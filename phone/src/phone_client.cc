@@ -8,6 +8,7 @@
 #include <limits>
 #include <utility>
 
+#include "curl_codes.h"
 #include "tolvanger/kit/clock.h"
 #include "tolvanger/kit/cloud_store.h"
 #include "tolvanger/kit/curl_memory.h"
@@ -35,32 +36,6 @@ size_t receive(char* data, size_t size, size_t count, void* user) {
   }
   sink->body->append(data, n);
   return n;
-}
-
-TransportError::Code codeFor(CURLcode code, long osError) {
-  using Code = TransportError::Code;
-  switch (code) {
-    case CURLE_UNSUPPORTED_PROTOCOL:
-      return Code::kUnsupportedURL;
-    case CURLE_URL_MALFORMAT:
-      return Code::kBadURL;
-    case CURLE_COULDNT_RESOLVE_HOST:
-      return Code::kCannotFindHost;
-    case CURLE_COULDNT_CONNECT:
-      return osError == ENETUNREACH ? Code::kNotConnectedToInternet
-                                    : Code::kCannotConnectToHost;
-    case CURLE_OPERATION_TIMEDOUT:
-      return Code::kTimedOut;
-    case CURLE_SEND_ERROR:
-    case CURLE_RECV_ERROR:
-    case CURLE_GOT_NOTHING:
-    case CURLE_PARTIAL_FILE:
-      return Code::kNetworkConnectionLost;
-    case CURLE_ABORTED_BY_CALLBACK:
-      return Code::kCancelled;
-    default:
-      return Code::kOther;
-  }
 }
 
 std::string joinURL(std::string_view base, std::string_view path) {
@@ -166,6 +141,32 @@ json withTiming(json body,
 
 }  // namespace
 
+TransportError::Code transportCodeFor(CURLcode code, long osError) {
+  using Code = TransportError::Code;
+  switch (code) {
+    case CURLE_UNSUPPORTED_PROTOCOL:
+      return Code::kUnsupportedURL;
+    case CURLE_URL_MALFORMAT:
+      return Code::kBadURL;
+    case CURLE_COULDNT_RESOLVE_HOST:
+      return Code::kCannotFindHost;
+    case CURLE_COULDNT_CONNECT:
+      return osError == ENETUNREACH ? Code::kNotConnectedToInternet
+                                    : Code::kCannotConnectToHost;
+    case CURLE_OPERATION_TIMEDOUT:
+      return Code::kTimedOut;
+    case CURLE_SEND_ERROR:
+    case CURLE_RECV_ERROR:
+    case CURLE_GOT_NOTHING:
+    case CURLE_PARTIAL_FILE:
+      return Code::kNetworkConnectionLost;
+    case CURLE_ABORTED_BY_CALLBACK:
+      return Code::kCancelled;
+    default:
+      return Code::kOther;
+  }
+}
+
 namespace PhoneJSON {
 
 const std::string* text(const json& object, const char* key) {
@@ -270,7 +271,7 @@ HTTPAnswer CurlTransport::send(const HTTPCall& call) {
   if (result != CURLE_OK) {
     long osError = 0;
     curl_easy_getinfo(h, CURLINFO_OS_ERRNO, &osError);
-    throw TransportError(codeFor(result, osError),
+    throw TransportError(transportCodeFor(result, osError),
                          error[0] != '\0' ? error : curl_easy_strerror(result));
   }
   curl_easy_getinfo(h, CURLINFO_RESPONSE_CODE, &answer.status);
