@@ -405,16 +405,9 @@ json CloudTransport::approve(
     std::optional<ByteView> pqSignature, const CredentialOffer* credential,
     std::optional<std::chrono::system_clock::time_point> drawnAt,
     DrawnFrom drawnFrom) {
-  json body = {{"request_id", request.requestID},
-               {"device_id", deviceID_},
-               {"digest", request.digest},
-               {"signature", toBase64(signature)}};
-  if (pqSignature) body["signature_pq"] = toBase64(*pqSignature);
-  body.update(AnswerStamps::of(drawnAt, drawnFrom));
+  json body = sealedApproval(deviceID_, request, signature, pqSignature,
+                             credential, drawnAt, drawnFrom);
   if (credential != nullptr) {
-    if (credential->requestID != request.requestID) {
-      throw std::invalid_argument("that credential is for another request");
-    }
     body["credential"] = credential->seal(card_.key).asDictionary();
   }
   return call("POST", "/v1/approve", body);

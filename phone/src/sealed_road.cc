@@ -306,19 +306,30 @@ json SealedRoad::approve(
     std::optional<ByteView> pqSignature, const CredentialOffer* credential,
     std::optional<std::chrono::system_clock::time_point> drawnAt,
     DrawnFrom drawnFrom) {
+  json body = sealedApproval(deviceID_, request, signature, pqSignature,
+                             credential, drawnAt, drawnFrom);
+  if (credential != nullptr) {
+    body["credential"] = credential->seal(currentCard().key).asDictionary();
+  }
+  return call("POST", "/v1/approve", body);
+}
+
+json sealedApproval(
+    std::string_view deviceID, const TolvangerRequest& request,
+    ByteView signature, std::optional<ByteView> pqSignature,
+    const CredentialOffer* credential,
+    std::optional<std::chrono::system_clock::time_point> drawnAt,
+    DrawnFrom drawnFrom) {
   json body = {{"request_id", request.requestID},
-               {"device_id", deviceID_},
+               {"device_id", deviceID},
                {"digest", request.digest},
                {"signature", toBase64(signature)}};
   if (pqSignature) body["signature_pq"] = toBase64(*pqSignature);
   body.update(AnswerStamps::of(drawnAt, drawnFrom));
-  if (credential != nullptr) {
-    if (credential->requestID != request.requestID) {
-      throw std::invalid_argument("that credential is for another request");
-    }
-    body["credential"] = credential->seal(currentCard().key).asDictionary();
+  if (credential != nullptr && credential->requestID != request.requestID) {
+    throw std::invalid_argument("that credential is for another request");
   }
-  return call("POST", "/v1/approve", body);
+  return body;
 }
 
 json SealedRoad::deny(

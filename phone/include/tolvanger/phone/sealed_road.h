@@ -89,6 +89,18 @@ struct CredentialOffer {
   CloudEnvelope seal(ByteView cardKey) const;
 };
 
+// The body of an approval on a sealed road, without its credential: the
+// signatures and the timing stamps. The caller seals `credential`, if any, to
+// the card it holds and adds it as "credential". Throws
+// std::invalid_argument when the credential is for another request, before
+// any card is looked at.
+nlohmann::json sealedApproval(
+    std::string_view deviceID, const TolvangerRequest& request,
+    ByteView signature, std::optional<ByteView> pqSignature,
+    const CredentialOffer* credential,
+    std::optional<std::chrono::system_clock::time_point> drawnAt,
+    DrawnFrom drawnFrom);
+
 class SealedRoad {
  public:
   // A road to `base` for the paired device. A null transport means a new
