@@ -205,24 +205,21 @@ BENCHMARK(BM_SecretListDirect)->Unit(benchmark::kMicrosecond)->UseRealTime();
 
 void BM_ListCredentialsThroughMCP(benchmark::State& state) {
   World& w = world();
-  testing::Child mcp({TOLVANGER_SERVICE_BIN, "mcp", "--client", "bench"},
-                     {{"TOLVANGER_HOME", w.dir.file("home")}});
-  mcp.write(json{{"jsonrpc", "2.0"},
-                 {"id", 0},
-                 {"method", "initialize"},
-                 {"params", {{"protocolVersion", "2025-06-18"}}}}
-                .dump() +
-            "\n");
-  mcp.readLine();
+  testing::LineChild mcp({TOLVANGER_SERVICE_BIN, "mcp", "--client", "bench"},
+                         {{"TOLVANGER_HOME", w.dir.file("home")}});
+  mcp.exchange(json{{"jsonrpc", "2.0"},
+                    {"id", 0},
+                    {"method", "initialize"},
+                    {"params", {{"protocolVersion", "2025-06-18"}}}}
+                   .dump());
   int64_t id = 1;
   for (auto _ : state) {
-    mcp.write(json{{"jsonrpc", "2.0"},
-                   {"id", id++},
-                   {"method", "tools/call"},
-                   {"params", {{"name", "list_credentials"}}}}
-                  .dump() +
-              "\n");
-    const auto line = mcp.readLine();
+    const auto line =
+        mcp.exchange(json{{"jsonrpc", "2.0"},
+                          {"id", id++},
+                          {"method", "tools/call"},
+                          {"params", {{"name", "list_credentials"}}}}
+                         .dump());
     if (!line || line->find("upstream") == std::string::npos) {
       state.SkipWithError("no listing came back");
       break;

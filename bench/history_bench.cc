@@ -35,7 +35,7 @@
 namespace {
 
 using nlohmann::json;
-using tolvanger::testing::Child;
+using tolvanger::testing::LineChild;
 using tolvanger::testing::ServiceProcess;
 using tolvanger::testing::SocketClient;
 using tolvanger::testing::TempDir;
@@ -179,26 +179,24 @@ void BM_ListCredentialsThroughMCP(benchmark::State& state) {
       const History& h = history(settled);
       SocketClient direct(h.service->socketPath());
       direct.call({{"op", "hello"}, {"client", "bench"}});
-      Child mcp({TOLVANGER_SERVICE_BIN, "mcp", "--client", "bench"},
-                {{"TOLVANGER_HOME", h.home}});
-      mcp.write(json{{"jsonrpc", "2.0"},
-                     {"id", 0},
-                     {"method", "initialize"},
-                     {"params", {{"protocolVersion", "2025-06-18"}}}}
-                    .dump() +
-                "\n");
-      if (!mcp.readLine()) std::abort();
+      LineChild mcp({TOLVANGER_SERVICE_BIN, "mcp", "--client", "bench"},
+                    {{"TOLVANGER_HOME", h.home}});
+      if (!mcp.exchange(json{{"jsonrpc", "2.0"},
+                             {"id", 0},
+                             {"method", "initialize"},
+                             {"params", {{"protocolVersion", "2025-06-18"}}}}
+                            .dump())) {
+        std::abort();
+      }
       const std::string call = json{{"jsonrpc", "2.0"},
                                     {"id", 1},
                                     {"method", "tools/call"},
                                     {"params", {{"name", "list_credentials"}}}}
-                                   .dump() +
-                               "\n";
+                                   .dump();
       std::vector<double> throughMCP, secretList;
       for (int round = 0; round < 30; ++round) {
         throughMCP.push_back(microsPerCall(20, [&] {
-          mcp.write(call);
-          const auto line = mcp.readLine();
+          const auto line = mcp.exchange(call);
           if (!line || line->find("github") == std::string::npos) std::abort();
         }));
         secretList.push_back(microsPerCall(20, [&] {

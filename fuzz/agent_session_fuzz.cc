@@ -1,9 +1,11 @@
 // Fuzz target for the agent socket's line handling: arbitrary bytes go to one
 // connection's parser and dispatcher, with a real Service in a temporary home.
-// Every reply must be one JSON object with a boolean "ok".
+// Every reply line must be one JSON object with a boolean "ok", and every
+// write whole lines.
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -50,13 +52,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   auto& scene = shared();
   auto session = tolvanger::service::AgentSession::create(
       *scene.service, *scene.broker, "fuzz", std::nullopt,
-      [](std::string_view line) {
-        const auto reply = nlohmann::json::parse(line, nullptr, false);
-        if (!reply.is_object() || !reply.contains("ok") ||
-            !reply["ok"].is_boolean()) {
-          std::fprintf(stderr, "bad reply: %.*s\n",
-                       static_cast<int>(line.size()), line.data());
-          std::abort();
+      [](std::string_view lines) {
+        if (lines.empty() || lines.back() != '\n') std::abort();
+        lines.remove_suffix(1);
+        for (size_t start = 0; start <= lines.size();) {
+          const size_t end = std::min(lines.find('\n', start), lines.size());
+          const std::string_view line = lines.substr(start, end - start);
+          const auto reply = nlohmann::json::parse(line, nullptr, false);
+          if (!reply.is_object() || !reply.contains("ok") ||
+              !reply["ok"].is_boolean()) {
+            std::fprintf(stderr, "bad reply: %.*s\n",
+                         static_cast<int>(line.size()), line.data());
+            std::abort();
+          }
+          start = end + 1;
         }
         return true;
       });

@@ -90,12 +90,14 @@ bool StopSignal::waitFor(std::chrono::milliseconds limit) const {
 }
 
 Wait waitReadable(int fd, const StopSignal& stop,
-                  std::optional<Clock::time_point> deadline) {
+                  std::optional<Clock::time_point> deadline, int knock) {
   for (;;) {
-    struct pollfd p[2] = {{stop.readEnd(), POLLIN, 0}, {fd, POLLIN, 0}};
-    const int n = ::poll(p, 2, pollTimeout(deadline));
+    struct pollfd p[3] = {
+        {stop.readEnd(), POLLIN, 0}, {fd, POLLIN, 0}, {knock, POLLIN, 0}};
+    const int n = ::poll(p, knock >= 0 ? 3 : 2, pollTimeout(deadline));
     if (n > 0) {
       if (p[0].revents != 0) return Wait::kStopped;
+      if (knock >= 0 && p[2].revents != 0) return Wait::kKnocked;
       return Wait::kReadable;
     }
     if (n == 0) return Wait::kTimedOut;

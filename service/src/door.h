@@ -45,13 +45,15 @@ class StopSignal {
   std::atomic<int> write_{-1};  // closed, and -1, once raised
 };
 
-enum class Wait { kReadable, kTimedOut, kStopped };
+enum class Wait { kReadable, kTimedOut, kStopped, kKnocked };
 
 // Waits until `fd` has bytes to read (or has ended or failed: the next read
-// tells), `stop` is raised, or `deadline` passes; none means no deadline. A
-// raised stop wins over a readable descriptor.
+// tells), `stop` is raised, or `deadline` passes; none means no deadline.
+// When `knock` is a descriptor, also until it is readable (a listener with a
+// connection waiting), which gives kKnocked. A raised stop wins over a
+// knock, and a knock over a readable `fd`.
 Wait waitReadable(int fd, const StopSignal& stop,
-                  std::optional<Clock::time_point> deadline);
+                  std::optional<Clock::time_point> deadline, int knock = -1);
 
 // Takes the next connection from a non-blocking listening socket and returns
 // its descriptor (close-on-exec, blocking). A connection lost before it was

@@ -243,6 +243,46 @@ Child::Child(std::vector<std::string> argv,
 
 Child::~Child() { wait(std::chrono::milliseconds(0)); }
 
+LineChild::LineChild(std::vector<std::string> argv,
+                     std::vector<std::pair<std::string, std::string>> env) {
+  int in[2], out[2];
+  if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0) {
+    std::abort();
+  }
+  pid_ = spawn(std::move(argv), env, {in[0], out[1], -1});
+  ::close(in[0]);
+  ::close(out[1]);
+  in_ = in[1];
+  out_ = out[0];
+}
+
+LineChild::~LineChild() {
+  ::close(in_);
+  ::close(out_);
+  if (pid_ > 0) reap(pid_, std::chrono::milliseconds(0));
+}
+
+std::optional<std::string> LineChild::exchange(const std::string& line) {
+  const std::string framed = line + "\n";
+  for (size_t done = 0; done < framed.size();) {
+    const ssize_t n = ::write(in_, framed.data() + done, framed.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return std::nullopt;
+    done += static_cast<size_t>(n);
+  }
+  size_t nl;
+  while ((nl = buffer_.find('\n')) == std::string::npos) {
+    char chunk[8192];
+    const ssize_t n = ::read(out_, chunk, sizeof(chunk));
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return std::nullopt;
+    buffer_.append(chunk, static_cast<size_t>(n));
+  }
+  std::string next = buffer_.substr(0, nl);
+  buffer_.erase(0, nl + 1);
+  return next;
+}
+
 void Child::read(int fd, std::string* into, bool* ended) {
   char buf[4096];
   for (;;) {

@@ -145,6 +145,28 @@ class Child {
   std::thread out_, err_;
 };
 
+// A program spoken to a line at a time, its output read on the caller's own
+// thread: for timing a line protocol, where Child's reader threads would put
+// a hand-off between threads into every reply. Its standard error is left
+// to this process's. It is killed with its process group at the end.
+class LineChild {
+ public:
+  LineChild(std::vector<std::string> argv,
+            std::vector<std::pair<std::string, std::string>> env = {});
+  ~LineChild();
+  LineChild(const LineChild&) = delete;
+  LineChild& operator=(const LineChild&) = delete;
+
+  // Writes `line` and a line feed, and returns the next line of output
+  // without its line feed; nothing when the output has ended.
+  std::optional<std::string> exchange(const std::string& line);
+
+ private:
+  pid_t pid_ = -1;
+  int in_ = -1, out_ = -1;
+  std::string buffer_;
+};
+
 // Runs tolvanger-phone in `home`, feeding `input`. `beforeInput`, when given,
 // runs after the start and its text goes first (to learn what to type).
 Ran runPhone(const std::string& home, const std::vector<std::string>& args,

@@ -26,6 +26,11 @@ const std::set<std::string, std::less<>> kAdminOps = {
     "pair.open",    "pair.status",     "pair.cancel", "device.forget",
     "journal.tail", "request.pending", "nudge.raise", "clients"};
 
+// Ops that answer at once from what the service holds in memory; any other
+// may wait on the phone, the network or a long poll.
+const std::set<std::string, std::less<>> kQuickOps = {"hello", "ping", "status",
+                                                      "secret.list"};
+
 // What a connection's pending buffer may keep of its storage between lines.
 constexpr size_t kKeptCapacity = 16384;
 
@@ -80,6 +85,10 @@ AgentSession::AgentSession(Service& service, Broker& broker,
 
 AgentSession::~AgentSession() { end(); }
 
+void AgentSession::beforeSlowOp(std::function<void()> call) {
+  beforeSlowOp_ = std::move(call);
+}
+
 std::string AgentSession::labelFor(std::string_view executableName) {
   std::string out;
   for (char32_t c : Text::scalars(Text::prefix(executableName, 48))) {
@@ -110,8 +119,19 @@ bool AgentSession::feed(std::string_view bytes) {
     const std::string_view line(pending_.data() + start, nl - start);
     start = nl + 1;
     if (line.empty()) continue;
-    sendLine(handleLine(line));
+    bool wasHello = false;
+    const json reply = answer(line, &wasHello);
+    // A hello's reply waits for the reply to a line that came with it, so
+    // that a peer which sends hello and its op at once is woken once.
+    if (wasHello && pending_.find('\n', start) != std::string::npos) {
+      const std::string text = dumpLine(reply);
+      MutexLock lock(mu_);
+      held_.append(text).push_back('\n');
+      continue;
+    }
+    sendLine(reply);
   }
+  flushHeld();
   pending_.erase(0, start);
   // A long line leaves its storage behind; once nothing is pending it is
   // given back, so that an idle connection holds only a little.
@@ -122,21 +142,43 @@ bool AgentSession::feed(std::string_view bytes) {
 }
 
 void AgentSession::sendLine(const json& object) {
-  const std::string line = dumpLine(object);
+  std::string line = dumpLine(object);
+  line.push_back('\n');
   MutexLock lock(mu_);
   // After `end` the connection's descriptor may be closed and reused: an
   // event that raced with the end must not reach whoever has it now.
   if (ended_) return;
+  // Held replies go first, so lines leave in the order they were made.
+  if (!held_.empty()) line = std::exchange(held_, {}) + line;
   send_(line);
 }
 
+void AgentSession::flushHeld() {
+  MutexLock lock(mu_);
+  if (ended_ || held_.empty()) return;
+  send_(std::exchange(held_, {}));
+}
+
 json AgentSession::handleLine(std::string_view line) {
+  return answer(line, nullptr);
+}
+
+json AgentSession::answer(std::string_view line, bool* wasHello) {
   json object = json::parse(line, nullptr, /*allow_exceptions=*/false);
   if (!object.is_object()) return failure("that is not an op");
   const auto op = textAt(object, "op");
   if (!op) return failure("that is not an op");
+  if (kQuickOps.count(*op) == 0) {
+    // Nothing waits on an op that may take a while: a held reply goes out
+    // now, and the connection's thread gives up the accept.
+    flushHeld();
+    if (beforeSlowOp_) beforeSlowOp_();
+  }
   try {
-    if (*op == "hello") return hello(object);
+    if (*op == "hello") {
+      if (wasHello) *wasHello = true;
+      return hello(object);
+    }
     std::optional<std::string> role, client;
     {
       MutexLock lock(mu_);

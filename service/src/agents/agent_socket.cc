@@ -9,6 +9,7 @@
 #include <cstring>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <thread>
 
 #include "door.h"
 #include "tolvanger/kit/crypto/digest.h"
@@ -23,6 +24,8 @@ namespace {
 
 constexpr size_t kReadChunk = 8192;
 constexpr int kBacklog = 16;
+// Workers that have finished a connection and wait to lead again; more end.
+constexpr size_t kIdleWorkers = 4;
 
 // Writes all of `data`; false if the peer has gone.
 bool writeAll(int fd, std::string_view data) {
@@ -87,9 +90,23 @@ void AgentSocket::start() {
     MutexLock lock(mu_);
     listener_ = fd;
     running_ = true;
+    leaderHeld_ = true;
+    workers_ = 1;
   }
   stopping_ = false;
-  acceptThread_ = std::thread([this, fd] { acceptLoop(fd); });
+  try {
+    std::thread(&AgentSocket::work, this, fd).detach();
+  } catch (const std::system_error&) {
+    {
+      MutexLock lock(mu_);
+      running_ = false;
+      listener_ = -1;
+      workers_ = 0;
+    }
+    ::close(fd);
+    ::unlink(path_.c_str());
+    throw ServiceError::internalFailure("could not start the socket's thread");
+  }
 }
 
 void AgentSocket::stop() {
@@ -100,28 +117,77 @@ void AgentSocket::stop() {
     running_ = false;
     listener = std::exchange(listener_, -1);
   }
-  // The flag ends long polls; the signal wakes the accept thread and every
-  // connection waiting for bytes. A connection in the middle of an op
-  // finishes it and sends its reply first.
+  // The flag ends long polls; the signal wakes the leader and every
+  // connection waiting for bytes; the broadcast ends idle workers. A
+  // connection in the middle of an op finishes it and sends its reply first.
   stopping_ = true;
   stopSignal_->raise();
-  if (acceptThread_.joinable()) acceptThread_.join();
+  {
+    UniqueLock lock(mu_);
+    turn_.notify_all();
+    idle_.wait(lock, [this]() REQUIRES(mu_) { return workers_ == 0; });
+  }
   ::close(listener);
   ::unlink(path_.c_str());
-  UniqueLock lock(mu_);
-  idle_.wait(lock, [this]() REQUIRES(mu_) { return connections_ == 0; });
 }
 
-void AgentSocket::acceptLoop(int listener) {
+void AgentSocket::work(int listener) {
   door::nameThread("tolvanger.agent");
   for (;;) {
     const int fd = door::acceptNext(listener, *stopSignal_);
-    if (fd < 0) return;
-    admit(fd);
+    // Stopped, or the listener failed for good: this thread keeps the lead,
+    // so no other takes it, and ends.
+    if (fd < 0) break;
+    auto peer = admit(fd);
+    if (!peer) continue;
+    const bool stillLeading =
+        serve(fd, std::move(peer->process), peer->pid, listener);
+    if (!stillLeading && !awaitTurn()) break;
+  }
+  crypto::releaseThreadState();
+  MutexLock lock(mu_);
+  if (--workers_ == 0) idle_.notify_all();
+}
+
+bool AgentSocket::handOver(int listener) {
+  {
+    MutexLock lock(mu_);
+    if (idleWorkers_ > 0) {
+      leaderHeld_ = false;
+      turn_.notify_one();
+      return true;
+    }
+    // A new worker starts as the leader, so the lead stays held.
+    ++workers_;
+  }
+  try {
+    std::thread(&AgentSocket::work, this, listener).detach();
+    return true;
+  } catch (const std::system_error&) {
+    MutexLock lock(mu_);
+    --workers_;
+    return false;
   }
 }
 
-void AgentSocket::admit(int fd) {
+bool AgentSocket::awaitTurn() {
+  UniqueLock lock(mu_);
+  if (!running_) return false;
+  if (!leaderHeld_) {
+    leaderHeld_ = true;
+    return true;
+  }
+  if (idleWorkers_ >= kIdleWorkers) return false;
+  ++idleWorkers_;
+  turn_.wait(lock,
+             [this]() REQUIRES(mu_) { return !running_ || !leaderHeld_; });
+  --idleWorkers_;
+  if (!running_) return false;
+  leaderHeld_ = true;
+  return true;
+}
+
+std::optional<AgentSocket::Peer> AgentSocket::admit(int fd) {
   const auto peer = port::peerCredentials(fd);
   const uid_t own = port::currentUid();
   if (!peer || (peer->uid != own && peer->uid != 0)) {
@@ -129,7 +195,7 @@ void AgentSocket::admit(int fd) {
                                        {"uid", peer ? std::to_string(peer->uid)
                                                     : std::string("-")}});
     ::close(fd);
-    return;
+    return std::nullopt;
   }
   bool admitted = false;
   {
@@ -140,29 +206,21 @@ void AgentSocket::admit(int fd) {
     }
   }
   if (!admitted) {
-    // Refused at once, without a thread; a peer that does not read loses
-    // the line rather than holding the accept thread.
+    // Refused at once by the leader; a peer that does not read loses the
+    // line rather than holding the accept.
     static const std::string kFull =
         failureLine("too many connections are open — close one and try again");
     ::send(fd, kFull.data(), kFull.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
     ::close(fd);
-    return;
+    return std::nullopt;
   }
-  std::string process;
+  Peer admittedPeer{{}, peer->pid};
   if (peer->pid >= 1) {
     const auto name = port::processName(peer->pid);
-    process = name ? AgentSession::labelFor(*name)
-                   : "pid-" + std::to_string(peer->pid);
+    admittedPeer.process = name ? AgentSession::labelFor(*name)
+                                : "pid-" + std::to_string(peer->pid);
   }
-  try {
-    std::thread(&AgentSocket::serve, this, fd, std::move(process), peer->pid)
-        .detach();
-  } catch (const std::system_error&) {
-    // No thread to be had just now: the peer may connect again.
-    ::close(fd);
-    MutexLock lock(mu_);
-    if (--connections_ == 0) idle_.notify_all();
-  }
+  return admittedPeer;
 }
 
 bool AgentSocket::holdUnfinished(size_t more) {
@@ -173,19 +231,22 @@ bool AgentSocket::holdUnfinished(size_t more) {
   return false;
 }
 
-void AgentSocket::serve(int fd, std::string process, pid_t pid) {
-  door::nameThread("agent.peer");
+bool AgentSocket::serve(int fd, std::string process, pid_t pid, int listener) {
+  // Whether this thread still holds the lead: it keeps it while the peer
+  // asks only quick ops, and passes it on when another peer knocks or this
+  // one asks an op that may take a while.
+  bool leading = true;
+  // Set when the lead could not be passed on: it is still this thread's.
+  bool keptLead = false;
+  const auto passLead = [&] {
+    if (leading && handOver(listener)) leading = false;
+  };
   {
     auto session = AgentSession::create(
         service_, broker_, std::move(process), AgentProcess::of(pid),
-        [fd](std::string_view line) {
-          std::string framed;
-          framed.reserve(line.size() + 1);
-          framed.append(line);
-          framed.push_back('\n');
-          return writeAll(fd, framed);
-        },
+        [fd](std::string_view lines) { return writeAll(fd, lines); },
         &stopping_);
+    session->beforeSlowOp(passLead);
     char buffer[kReadChunk];
     // The bytes after the last line feed, which the session holds until the
     // line ends, and when the first of them came.
@@ -195,8 +256,19 @@ void AgentSocket::serve(int fd, std::string process, pid_t pid) {
     for (;;) {
       std::optional<door::Clock::time_point> deadline;
       if (lineBegun) deadline = *lineBegun + limits_.lineDeadline;
-      const door::Wait wait = door::waitReadable(fd, *stopSignal_, deadline);
+      const door::Wait wait = door::waitReadable(fd, *stopSignal_, deadline,
+                                                 leading ? listener : -1);
       if (wait == door::Wait::kStopped) break;
+      if (wait == door::Wait::kKnocked) {
+        passLead();
+        if (leading) {
+          // No thread to be had: the knock waits in the backlog until this
+          // peer is done, and the listener is not watched meanwhile.
+          leading = false;
+          keptLead = true;
+        }
+        continue;
+      }
       if (wait == door::Wait::kTimedOut) {
         farewell = "that line took too long to arrive";
         break;
@@ -229,10 +301,10 @@ void AgentSocket::serve(int fd, std::string process, pid_t pid) {
     session->end();
     if (farewell) writeAll(fd, failureLine(farewell));
   }
-  crypto::releaseThreadState();
   ::close(fd);
   MutexLock lock(mu_);
-  if (--connections_ == 0) idle_.notify_all();
+  --connections_;
+  return leading || keptLead;
 }
 
 }  // namespace tolvanger::service

@@ -1,5 +1,5 @@
 // The agent socket's bounds on what a peer may hold, over a real unix socket
-// with short limits.
+// with short limits, and how its threads take turns at the accept.
 #include "tolvanger/service/agent_socket.h"
 
 #include <gtest/gtest.h>
@@ -172,6 +172,47 @@ TEST(AgentSocketLimits, AProfileOfferFitsOnOneLineAndMoreDoesNot) {
   agent.send(std::string(AgentSession::kMaxLine + 1, ' '));
   EXPECT_EQ(agent.error(10s), "that line is too long");
   EXPECT_TRUE(agent.closed());
+}
+
+// The thread that took a connection serves it while still leading, so a
+// peer that idles, or asks for something slow, must not keep others out.
+TEST(AgentSocketTurns, APeerThatIdlesOrWaitsLongKeepsNoOneElseOut) {
+  Rig rig({});
+  Phone phone;
+  phone.pair(rig.service);
+
+  Client idle(rig.path());
+  ASSERT_TRUE(idle.send("{\"op\":\"hello\"}\n"));
+  ASSERT_TRUE(idle.line().has_value());
+  Client next(rig.path());
+  ASSERT_TRUE(next.send("{\"op\":\"hello\"}\n"));
+  EXPECT_TRUE(next.line(1s).has_value());
+
+  Client asker(rig.path());
+  ASSERT_TRUE(asker.send(
+      "{\"op\":\"hello\"}\n{\"op\":\"request\",\"operation\":\"a.b\"}\n"));
+  ASSERT_TRUE(asker.line().has_value());
+  const auto opened = asker.line();
+  ASSERT_TRUE(opened.has_value());
+  const std::string id = json::parse(*opened).value("request_id", "");
+  ASSERT_FALSE(id.empty()) << *opened;
+
+  // A new peer whose first lines are a hello and a long poll.
+  Client poller(rig.path());
+  ASSERT_TRUE(poller.send("{\"op\":\"hello\"}\n{\"op\":\"poll\",\"id\":\"" +
+                          id + "\",\"wait\":4}\n"));
+  ASSERT_TRUE(poller.line().has_value());
+  std::this_thread::sleep_for(100ms);
+  Client late(rig.path());
+  ASSERT_TRUE(late.send("{\"op\":\"hello\"}\n{\"op\":\"ping\"}\n"));
+  EXPECT_TRUE(late.line(1s).has_value());
+  EXPECT_TRUE(late.line(1s).has_value());
+
+  // The poll still ends as it should.
+  ASSERT_TRUE(asker.send("{\"op\":\"cancel\",\"id\":\"" + id + "\"}\n"));
+  const auto polled = poller.line(6s);
+  ASSERT_TRUE(polled.has_value());
+  EXPECT_EQ(json::parse(*polled).value("state", ""), "cancelled");
 }
 
 }  // namespace

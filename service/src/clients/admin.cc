@@ -14,12 +14,102 @@ namespace tolvanger::service {
 
 using nlohmann::json;
 
+namespace {
+
+std::string lineOf(const json& object) {
+  return object.dump(-1, ' ', false, json::error_handler_t::replace) + "\n";
+}
+
+std::string helloLine(const std::optional<std::string>& client,
+                      const std::string& role) {
+  json hello = {{"op", "hello"}, {"role", role}};
+  if (client) hello["client"] = *client;
+  return lineOf(hello);
+}
+
+// Reads only the top level of a reply: whether it is an object, and its
+// "ok", "error" and "event" keys. A hello's reply is the whole status, and a
+// one-shot call needs no more of it than whether it succeeded.
+struct TopLevel : nlohmann::json_sax<json> {
+  bool object = false;
+  bool ok = false;
+  bool event = false;
+  std::optional<std::string> error;
+
+  bool null() override { return value(); }
+  bool boolean(bool v) override {
+    if (depth_ == 1 && key_ == "ok") ok = v;
+    return value();
+  }
+  bool number_integer(number_integer_t) override { return value(); }
+  bool number_unsigned(number_unsigned_t) override { return value(); }
+  bool number_float(number_float_t, const string_t&) override {
+    return value();
+  }
+  bool string(string_t& v) override {
+    if (depth_ == 1 && key_ == "error") error = v;
+    return value();
+  }
+  bool binary(binary_t&) override { return value(); }
+  bool start_object(std::size_t) override {
+    if (depth_ == 0) object = true;
+    ++depth_;
+    return true;
+  }
+  bool key(string_t& k) override {
+    if (depth_ == 1) {
+      key_ = k;
+      if (k == "event") event = true;
+    }
+    return true;
+  }
+  bool end_object() override { return leave(); }
+  bool start_array(std::size_t) override {
+    ++depth_;
+    return true;
+  }
+  bool end_array() override { return leave(); }
+  bool parse_error(std::size_t, const std::string&,
+                   const nlohmann::detail::exception&) override {
+    return false;
+  }
+
+ private:
+  bool value() {
+    // A value at the top level that is not an object ends the reading.
+    return depth_ > 0;
+  }
+  bool leave() {
+    --depth_;
+    return true;
+  }
+  int depth_ = 0;
+  std::string key_;
+};
+
+void checkGreeting(const json& greeting) {
+  if (greeting.value("ok", false) == true) return;
+  const auto error = greeting.find("error");
+  throw ServiceError::refused(error != greeting.end() && error->is_string()
+                                  ? error->get<std::string>()
+                                  : "the service refused the hello");
+}
+
+}  // namespace
+
 Admin::Admin(const Home& home)
     : Admin(home.socketPath(), std::nullopt, "admin") {}
 
 Admin::Admin(const std::string& path, std::optional<std::string> client,
              const std::string& role)
-    : path_(path) {
+    : Admin(path) {
+  MutexLock lock(mu_);
+  sendLocked(helloLine(client, role));
+  greeting_ = readReplyLocked();
+  checkGreeting(greeting_);
+}
+
+Admin::Admin(const std::string& path) : path_(path) {
   MutexLock lock(mu_);
   fd_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (fd_ < 0) throw ServiceError::internalFailure("could not make a socket");
@@ -34,15 +124,18 @@ Admin::Admin(const std::string& path, std::optional<std::string> client,
     throw ServiceError::internalFailure("nothing is listening at " + path +
                                         " — is the service running?");
   }
-  json hello = {{"op", "hello"}, {"role", role}};
-  if (client) hello["client"] = *client;
-  greeting_ = callLocked(hello);
-  if (greeting_.value("ok", false) != true) {
-    const auto error = greeting_.find("error");
-    throw ServiceError::refused(error != greeting_.end() && error->is_string()
-                                    ? error->get<std::string>()
-                                    : "the service refused the hello");
-  }
+}
+
+json Admin::callOnce(const std::string& path, std::optional<std::string> client,
+                     const std::string& role, const json& object) {
+  Admin admin(path);
+  MutexLock lock(admin.mu_);
+  // The hello and the op go out in one write: the service answers them in
+  // order, so the hello's reply is read first and checked as a hello would
+  // be, and the connection costs one round trip instead of two.
+  admin.sendLocked(helloLine(client, role) + lineOf(object));
+  admin.skipGreetingLocked();
+  return admin.readReplyLocked();
 }
 
 Admin::~Admin() {
@@ -56,34 +149,57 @@ json Admin::call(const json& object) {
 }
 
 json Admin::callLocked(const json& object) {
+  sendLocked(lineOf(object));
+  return readReplyLocked();
+}
+
+void Admin::sendLocked(std::string_view lines) {
   if (fd_ < 0) throw ServiceError::internalFailure("the socket closed");
-  std::string line =
-      object.dump(-1, ' ', false, json::error_handler_t::replace) + "\n";
-  for (size_t done = 0; done < line.size();) {
-    const ssize_t n =
-        ::send(fd_, line.data() + done, line.size() - done, MSG_NOSIGNAL);
+  while (!lines.empty()) {
+    const ssize_t n = ::send(fd_, lines.data(), lines.size(), MSG_NOSIGNAL);
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) throw ServiceError::internalFailure("the socket closed");
-    done += static_cast<size_t>(n);
+    lines.remove_prefix(static_cast<size_t>(n));
   }
+}
+
+std::string Admin::takeLineLocked() {
+  size_t nl;
+  while ((nl = buffer_.find('\n')) == std::string::npos) {
+    char chunk[8192];
+    const ssize_t n = ::recv(fd_, chunk, sizeof(chunk), 0);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) throw ServiceError::internalFailure("the socket closed");
+    buffer_.append(chunk, static_cast<size_t>(n));
+  }
+  std::string line = buffer_.substr(0, nl);
+  buffer_.erase(0, nl + 1);
+  return line;
+}
+
+json Admin::readReplyLocked() {
   for (;;) {
-    size_t nl;
-    while ((nl = buffer_.find('\n')) == std::string::npos) {
-      char chunk[8192];
-      const ssize_t n = ::recv(fd_, chunk, sizeof(chunk), 0);
-      if (n < 0 && errno == EINTR) continue;
-      if (n <= 0) throw ServiceError::internalFailure("the socket closed");
-      buffer_.append(chunk, static_cast<size_t>(n));
-    }
-    json reply =
-        json::parse(buffer_.begin(), buffer_.begin() + static_cast<long>(nl),
-                    nullptr, false);
-    buffer_.erase(0, nl + 1);
+    json reply = json::parse(takeLineLocked(), nullptr, false);
     if (!reply.is_object()) {
       throw ServiceError::internalFailure(
           "the service sent something unreadable");
     }
     if (!reply.contains("event")) return reply;
+  }
+}
+
+void Admin::skipGreetingLocked() {
+  for (;;) {
+    const std::string line = takeLineLocked();
+    TopLevel top;
+    if (!json::sax_parse(line, &top) || !top.object) {
+      throw ServiceError::internalFailure(
+          "the service sent something unreadable");
+    }
+    if (top.event) continue;
+    if (top.ok) return;
+    throw ServiceError::refused(top.error ? *top.error
+                                          : "the service refused the hello");
   }
 }
 

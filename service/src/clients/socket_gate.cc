@@ -81,11 +81,10 @@ SocketGate::SocketGate(const Home& home, std::string client, Timing timing)
 
 json SocketGate::call(const json& object) {
   try {
-    Admin admin(
+    return Admin::callOnce(
         path_,
         client_.empty() ? std::nullopt : std::optional<std::string>(client_),
-        "agent");
-    return admin.call(object);
+        "agent", object);
   } catch (const std::exception& e) {
     throw GateError::down("tolvanger is not reachable at " + path_ + ": " +
                           e.what());

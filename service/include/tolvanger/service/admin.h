@@ -11,6 +11,7 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "tolvanger/kit/mutex.h"
@@ -33,6 +34,14 @@ class Admin {
   Admin(const Admin&) = delete;
   Admin& operator=(const Admin&) = delete;
 
+  // Connects, says hello and sends `object`, all in one write, and returns
+  // the object's reply: what a new Admin and one `call` return, in one round
+  // trip instead of two. Throws as the constructor and `call` do.
+  static nlohmann::json callOnce(const std::string& path,
+                                 std::optional<std::string> client,
+                                 const std::string& role,
+                                 const nlohmann::json& object);
+
   // Sends one op and returns its reply, skipping event lines. Throws
   // ServiceError "the socket closed" or "the service sent something
   // unreadable".
@@ -42,7 +51,17 @@ class Admin {
   const nlohmann::json& greeting() const { return greeting_; }
 
  private:
+  // Connects without a hello.
+  explicit Admin(const std::string& path);
+
   nlohmann::json callLocked(const nlohmann::json& object) REQUIRES(mu_);
+  void sendLocked(std::string_view lines) REQUIRES(mu_);
+  nlohmann::json readReplyLocked() REQUIRES(mu_);
+  // The next line from the service, without its line feed.
+  std::string takeLineLocked() REQUIRES(mu_);
+  // Reads the hello's reply and checks that it succeeded, without keeping
+  // it. Throws as the constructor does.
+  void skipGreetingLocked() REQUIRES(mu_);
 
   const std::string path_;
   Mutex mu_;

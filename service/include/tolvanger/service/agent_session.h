@@ -1,7 +1,10 @@
 // One connection's side of the agent socket's line protocol: it splits the
 // bytes a peer sends into lines, keeps the role and client the peer claimed,
 // dispatches each line to one op on the service and sends one reply line for
-// each, with event lines between replies for a subscribed peer.
+// each, with event lines between replies for a subscribed peer. The reply to
+// a hello that arrived together with a further line goes out with that
+// line's reply, in one write, unless that line asks an op that may take a
+// while.
 //
 // The session knows nothing of sockets: it is given a function that writes
 // one whole line to the peer. The agent socket makes one per connection; the
@@ -42,9 +45,10 @@ class AgentSession : public std::enable_shared_from_this<AgentSession> {
   // The longest a `poll` may wait, in seconds.
   static constexpr int kMaxPollWait = 10;
 
-  // Writes one line (the text plus a line feed) to the peer; returns false if
-  // the peer has gone. Called under the session's lock, never concurrently.
-  using Sender = std::function<bool(std::string_view line)>;
+  // Writes `lines`, one or more whole lines each ending in a line feed, to
+  // the peer; returns false if the peer has gone. Called under the session's
+  // lock, never concurrently.
+  using Sender = std::function<bool(std::string_view lines)>;
 
   // `process` is the far process's label (already made safe for the journal)
   // or empty; `stopping` (may be null) ends long polls when the service stops.
@@ -60,6 +64,11 @@ class AgentSession : public std::enable_shared_from_this<AgentSession> {
   // Takes bytes read from the peer and answers every complete line. Returns
   // false when the connection must be closed (the line was too long).
   bool feed(std::string_view bytes);
+
+  // Sets what runs, on the connection's thread, before any op that may take
+  // a while (anything but hello, ping, status and secret.list). Called
+  // before the first `feed`.
+  void beforeSlowOp(std::function<void()> call);
 
   // Ends the session: drops its subscription and, if it said hello, tells the
   // callers' registry it has gone. Idempotent; the destructor calls it.
@@ -79,6 +88,8 @@ class AgentSession : public std::enable_shared_from_this<AgentSession> {
                std::optional<AgentProcess> agentProcess, Sender send,
                const std::atomic<bool>* stopping);
 
+  // handleLine, also telling whether the line was a hello.
+  nlohmann::json answer(std::string_view line, bool* wasHello);
   nlohmann::json dispatch(const std::string& op, const nlohmann::json& line,
                           const std::string& role,
                           const std::optional<std::string>& client);
@@ -86,7 +97,10 @@ class AgentSession : public std::enable_shared_from_this<AgentSession> {
   nlohmann::json poll(const nlohmann::json& line);
   nlohmann::json subscribe();
   nlohmann::json unsubscribe();
+  // Sends `object` as a line, after any held lines.
   void sendLine(const nlohmann::json& object);
+  // Sends the held lines, if any.
+  void flushHeld();
 
   Service& service_;
   Broker& broker_;
@@ -94,7 +108,8 @@ class AgentSession : public std::enable_shared_from_this<AgentSession> {
   const std::optional<AgentProcess> agentProcess_;
   const Sender send_;
   const std::atomic<bool>* stopping_;
-  std::string pending_;  // the connection thread's own; no lock
+  std::string pending_;                 // the connection thread's own; no lock
+  std::function<void()> beforeSlowOp_;  // likewise
 
   Mutex mu_;
   std::optional<std::string> role_ GUARDED_BY(mu_);
@@ -102,6 +117,9 @@ class AgentSession : public std::enable_shared_from_this<AgentSession> {
   std::optional<int64_t> subscription_ GUARDED_BY(mu_);
   bool saidHello_ GUARDED_BY(mu_) = false;
   bool ended_ GUARDED_BY(mu_) = false;
+  // Reply lines, each ending in a line feed, that wait to go out with the
+  // next lines sent.
+  std::string held_ GUARDED_BY(mu_);
 };
 
 }  // namespace tolvanger::service

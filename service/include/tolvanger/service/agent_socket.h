@@ -4,8 +4,16 @@
 //
 // Only processes of the service's own account (or root) are served: every
 // accepted connection's peer uid is checked, and any other is closed with a
-// `socket-refused` journal line. One accept thread ("tolvanger.agent"), one
-// thread per connection ("agent.peer").
+// `socket-refused` journal line.
+//
+// Threads are workers ("tolvanger.agent") that take turns. One at a time,
+// the leader, waits in accept, and serves the connection it takes itself,
+// still watching the listener. It passes the lead to an idle worker, or to a
+// new one, when another peer knocks or its own peer asks an op that may take
+// a while; until then the quick ops (a hello, a listing) cost no hand-off
+// between threads at all. A worker done with its connection leads again if
+// no one does, else waits idle; past a few idle ones it ends. Each
+// connection has its own thread while it lasts.
 //
 // What peers may hold is bounded (`AgentLimits`): at most so many
 // connections, one more being answered with one error line and closed; a
@@ -15,18 +23,20 @@
 // loop (see door.h).
 //
 // Thread safety: `start` and `stop` are called by one owner thread. `mu_`
-// guards the listener, the running flag and the count of live connections;
-// it is never held across a socket call or an op.
+// guards the listener, the running flag, the lead and the counts of workers
+// and connections; it is never held across a socket call or an op.
 #ifndef TOLVANGER_SERVICE_AGENT_SOCKET_H_
 #define TOLVANGER_SERVICE_AGENT_SOCKET_H_
+
+#include <sys/types.h>
 
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <memory>
+#include <optional>
 #include <string>
-#include <thread>
 
 #include "tolvanger/kit/mutex.h"
 #include "tolvanger/kit/thread_annotations.h"
@@ -78,9 +88,26 @@ class AgentSocket {
   const std::string& path() const { return path_; }
 
  private:
-  void acceptLoop(int listener);
-  void serve(int fd, std::string process, pid_t pid);
-  void admit(int fd);
+  // An admitted peer: its label and process id.
+  struct Peer {
+    std::string process;
+    pid_t pid;
+  };
+
+  // A worker's life: lead, take a connection and serve it, and lead or wait
+  // again.
+  void work(int listener);
+  // Checks the peer's uid and the cap; a refused peer is closed here.
+  std::optional<Peer> admit(int fd);
+  // Gives the lead to an idle worker or a new one; false if no thread could
+  // be started.
+  bool handOver(int listener);
+  // After a connection: true when this worker is to lead again, false when
+  // it is to end.
+  bool awaitTurn();
+  // Serves one connection to its end; true if this thread still holds the
+  // lead afterwards.
+  bool serve(int fd, std::string process, pid_t pid, int listener);
   bool holdUnfinished(size_t more);
 
   Service& service_;
@@ -92,14 +119,20 @@ class AgentSocket {
   // Raised by stop() to wake the accept thread and every connection waiting
   // for bytes. Made by start() before any thread starts.
   std::unique_ptr<door::StopSignal> stopSignal_;
-  std::thread acceptThread_;
   // Bytes held by all connections' unfinished lines.
   std::atomic<size_t> unfinished_{0};
 
   Mutex mu_;
+  // Signalled when the last worker ends.
   CondVar idle_;
+  // Signalled when the lead is free or the socket stops.
+  CondVar turn_;
   int listener_ GUARDED_BY(mu_) = -1;
   bool running_ GUARDED_BY(mu_) = false;
+  // Whether a worker leads or is about to.
+  bool leaderHeld_ GUARDED_BY(mu_) = false;
+  size_t workers_ GUARDED_BY(mu_) = 0;
+  size_t idleWorkers_ GUARDED_BY(mu_) = 0;
   size_t connections_ GUARDED_BY(mu_) = 0;
 };
 
