@@ -17,19 +17,11 @@
 #include <thread>
 #include <vector>
 
-#include "harness.h"
-#include "testing/service_internals.h"
-#include "tolvanger/kit/crypto/mldsa65.h"
-#include "tolvanger/kit/crypto/p256.h"
-#include "tolvanger/kit/crypto/xwing.h"
+#include "listening_service.h"
 #include "tolvanger/kit/folder_cloud.h"
-#include "tolvanger/kit/pair_link.h"
 #include "tolvanger/phone/cloud_transport.h"
 #include "tolvanger/phone/sealed_road.h"
 #include "tolvanger/service/cloud_road.h"
-#include "tolvanger/service/http_server.h"
-#include "tolvanger/service/routes.h"
-#include "tolvanger/service/service.h"
 
 namespace {
 
@@ -39,11 +31,7 @@ using namespace tolvanger::phone;
 using namespace tolvanger::service;
 namespace fs = std::filesystem;
 
-struct World {
-  testing::TempDir dir;
-  std::unique_ptr<Service> service;
-  std::unique_ptr<Routes> routes;
-  std::unique_ptr<HTTPServer> http;
+struct World : bench::ListeningService {
   std::unique_ptr<SealedRoad> road;
   struct Way {
     std::string name;
@@ -59,41 +47,8 @@ struct World {
       way.road->stop();
     }
   }
-  int port = 0;
 
   World() {
-    Config config = Config::defaults();
-    config.listen = {"127.0.0.1"};
-    port = FreePort::pick(20000 + ::getpid() % 12000, 200);
-    config.listenPort = port;
-    service = std::make_unique<Service>(Home(dir.file("home")), config);
-    service->setListenAddresses({"127.0.0.1"});
-    routes = std::make_unique<Routes>(*service);
-    http = std::make_unique<HTTPServer>(
-        routes->handler(), std::vector<std::string>{"127.0.0.1"}, port);
-    http->start();
-
-    // A phone pairs through the window, as the pair routes drive it.
-    const auto key = crypto::P256PrivateKey::generate();
-    const auto pq = crypto::MLDSA65PrivateKey::generate();
-    auto cloud = crypto::XWingPrivateKey::generate();
-    const auto link = PairURL::parse(
-        ServiceInternals::pairing(*service).open(std::string("127.0.0.1")).url);
-    ServiceInternals::pairing(*service).offer(
-        json{{"token", link->token},
-             {"device_id", "phone-1"},
-             {"name", "Bench Phone"},
-             {"public_key", toBase64(key.publicKey().der())},
-             {"public_key_pq", toBase64(pq.publicKey().raw())},
-             {"cloud_public_key", toBase64(cloud.publicKey().raw())}});
-    const std::string code =
-        ServiceInternals::pairing(*service).status()["code"];
-    const std::string secret =
-        ServiceInternals::pairing(*service)
-            .confirm(json{{"token", link->token}, {"code", code}})
-            .device.secret;
-
-    const std::string base = "http://127.0.0.1:" + std::to_string(port);
     // Pending requests before the roads start, so that their pumps nap the
     // short nap from their first round, as a service with work waiting does.
     for (int i = 0; i < 3; ++i) service->raise("deploy", Fields{}, {});
@@ -112,11 +67,11 @@ struct World {
       }
       way.phone = CloudTransport::connect(
           phoneStore, ServiceInternals::identity(*service).spki(),
-          ServiceInternals::identity(*service).pqPublicKey(), "phone-1", secret,
-          cloud);
+          ServiceInternals::identity(*service).pqPublicKey(), phone.id,
+          phone.secret, phone.cloud);
     }
     road = std::make_unique<SealedRoad>(
-        base, service->config.daemonID, "phone-1", secret, std::move(cloud),
+        base(), service->config.daemonID, phone.id, phone.secret, phone.cloud,
         ServiceInternals::identity(*service).spki(),
         ServiceInternals::identity(*service).pqPublicKey(),
         std::chrono::seconds(10));
