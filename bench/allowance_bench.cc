@@ -5,11 +5,11 @@
 // with the same settings to the same local HTTPS server. Each is repeated and
 // reported by its median; the target is a ratio under 1.3.
 #include <benchmark/benchmark.h>
-#include <curl/curl.h>
 
 #include <memory>
 #include <string>
 
+#include "bare_get.h"
 #include "harness.h"
 #include "https_upstream.h"
 #include "testing/service_internals.h"
@@ -120,28 +120,13 @@ BENCHMARK(BM_CallUnderAllowance)
     ->Repetitions(7)
     ->ReportAggregatesOnly(true);
 
-size_t discard(char*, size_t size, size_t count, void*) { return size * count; }
-
 void BM_BareCurl(benchmark::State& state) {
   World& w = world();
   const std::string url = "https://" + w.upstream.netloc() + "/v1/items";
   const std::string ca = w.dir.file("ca.pem");
   for (auto _ : state) {
-    CURL* curl = curl_easy_init();
-    curl_slist* headers =
-        curl_slist_append(nullptr, "authorization: Bearer token-0123456789");
-    curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
-    curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
-    curl_easy_setopt(curl, CURLOPT_CAINFO, ca.c_str());
-    curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
-    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, discard);
-    const CURLcode code = curl_easy_perform(curl);
-    long status = 0;
-    curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
-    curl_slist_free_all(headers);
-    curl_easy_cleanup(curl);
-    if (code != CURLE_OK || status != 200) {
-      state.SkipWithError(curl_easy_strerror(code));
+    if (const char* failed = bench::bareGet(url, ca)) {
+      state.SkipWithError(failed);
       break;
     }
   }
