@@ -10,15 +10,10 @@
 #include <string>
 
 #include "bare_get.h"
-#include "harness.h"
-#include "https_upstream.h"
 #include "testing/service_internals.h"
 #include "tolvanger/kit/cloud_seal.h"
-#include "tolvanger/kit/crypto/mldsa65.h"
-#include "tolvanger/kit/crypto/p256.h"
 #include "tolvanger/kit/random.h"
-#include "tolvanger/service/http_server.h"
-#include "tolvanger/service/runtime.h"
+#include "upstream_service.h"
 
 namespace {
 
@@ -26,44 +21,15 @@ using nlohmann::json;
 using namespace tolvanger;
 using namespace tolvanger::service;
 
-struct World {
-  testing::TempDir dir;
-  testing::HTTPSUpstream upstream;
-  std::unique_ptr<Runtime> runtime;
-  crypto::P256PrivateKey key = crypto::P256PrivateKey::generate();
-  crypto::MLDSA65PrivateKey pq = crypto::MLDSA65PrivateKey::generate();
-  std::unique_ptr<testing::SocketClient> agent;
+struct World : bench::UpstreamService {
   json ask;
 
   World() {
-    upstream.writeCA(dir.file("ca.pem"));
-    Config config = Config::defaults();
-    config.listen = {"127.0.0.1"};
-    config.listenPort = FreePort::pick(20000 + (::getpid() % 12000), 200);
-    runtime = std::make_unique<Runtime>(Home(dir.file("home")), config,
-                                        UpstreamSettings{dir.file("ca.pem")});
-    Service& s = runtime->service();
-    Device phone;
-    phone.deviceID = "phone-1";
-    phone.name = "Bench Phone";
-    phone.spki = key.publicKey().der();
-    phone.pq = pq.publicKey().raw();
-    phone.secret = Random::hex(24);
-    phone.pairedAt = 1;
-    ServiceInternals::devices(s).put(phone);
-    ServiceInternals::secrets(s).replace(
-        {SecretName{"upstream", "bearer", {upstream.netloc()}, {}, 1}});
-    runtime->start();
-    agent = std::make_unique<testing::SocketClient>(runtime->socketPath());
-    agent->call({{"op", "hello"}, {"client", "bench"}});
     ask = {{"op", "proxy.request"},
            {"request",
-            {{"secret", "upstream"},
-             {"method", "GET"},
-             {"url", "https://" + upstream.netloc() + "/v1/items"}}}};
+            {{"secret", "upstream"}, {"method", "GET"}, {"url", itemsURL()}}}};
     openAllowance();
   }
-  ~World() { runtime->stop(); }
 
   // The phone's approval of a first request from this process, with a hold
   // of an hour: an allowance for every request after it.
