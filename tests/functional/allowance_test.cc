@@ -14,6 +14,7 @@
 
 #include "harness.h"
 #include "https_upstream.h"
+#include "paired_service.h"
 
 namespace tolvanger::testing {
 namespace {
@@ -60,31 +61,18 @@ class Agent {
   Child child_;
 };
 
-class Allowances : public ::testing::Test {
+class Allowances : public PairedServiceTest {
  protected:
   // `bus` is what the service's DBUS_SYSTEM_BUS_ADDRESS names; by default a
   // path where no bus is.
   void start(const std::string& bus = "") {
-    home_ = dir_.file("mac");
-    phoneHome_ = dir_.file("phone");
-    ASSERT_EQ(runService(home_, {"init", "--quiet"}), 0);
-    port_ = useFreePort(home_);
     const std::string ca = dir_.file("ca.pem");
     upstream_.writeCA(ca);
     ScopedEnv system("DBUS_SYSTEM_BUS_ADDRESS",
                      bus.empty() ? "unix:path=" + dir_.file("no-bus") : bus);
-    service_ = std::make_unique<ServiceProcess>(
-        home_, std::vector<std::string>{"serve", "--quiet", "--test-ca", ca});
-    ASSERT_TRUE(service_->waitForSocket());
-    admin_ = std::make_unique<SocketClient>(service_->socketPath());
-    ASSERT_EQ(admin_->call({{"op", "hello"}, {"role", "admin"}})["ok"], true);
-    const Ran paired = pairPhone(*admin_, phoneHome_, port_);
-    ASSERT_EQ(paired.status, 0) << paired.err;
+    ASSERT_NO_FATAL_FAILURE(startPaired({"serve", "--quiet", "--test-ca", ca}));
     for (const char* name : {"upstream", "other"}) {
-      const Ran added =
-          runPhone(phoneHome_, {"secrets", "add", name, "--kind", "bearer",
-                                "--host", upstream_.netloc()});
-      ASSERT_EQ(added.status, 0) << added.err;
+      ASSERT_NO_FATAL_FAILURE(addSecret(name, upstream_.netloc()));
     }
   }
 
@@ -134,12 +122,7 @@ class Allowances : public ::testing::Test {
     return false;
   }
 
-  TempDir dir_;
   HTTPSUpstream upstream_;
-  std::string home_, phoneHome_;
-  int port_ = 0;
-  std::unique_ptr<ServiceProcess> service_;
-  std::unique_ptr<SocketClient> admin_;
 };
 
 TEST_F(Allowances, OnlyTheSameProcessIsServedAtOnceAndItsEndEndsIt) {

@@ -19,6 +19,7 @@
 
 #include "harness.h"
 #include "https_upstream.h"
+#include "paired_service.h"
 #include "tolvanger/kit/bytes.h"
 
 namespace tolvanger::testing {
@@ -99,26 +100,13 @@ std::vector<std::string> findInMemory(pid_t pid,
   return found;
 }
 
-class BrokeredCall : public ::testing::Test {
+class BrokeredCall : public PairedServiceTest {
  protected:
   void SetUp() override {
-    home_ = dir_.file("mac");
-    phoneHome_ = dir_.file("phone");
-    ASSERT_EQ(runService(home_, {"init", "--quiet"}), 0);
-    port_ = useFreePort(home_);
     const std::string ca = dir_.file("ca.pem");
     upstream_.writeCA(ca);
-    service_ = std::make_unique<ServiceProcess>(
-        home_, std::vector<std::string>{"serve", "--quiet", "--test-ca", ca});
-    ASSERT_TRUE(service_->waitForSocket());
-    admin_ = std::make_unique<SocketClient>(service_->socketPath());
-    ASSERT_EQ(admin_->call({{"op", "hello"}, {"role", "admin"}})["ok"], true);
-    const Ran paired = pairPhone(*admin_, phoneHome_, port_);
-    ASSERT_EQ(paired.status, 0) << paired.err;
-    const Ran added =
-        runPhone(phoneHome_, {"secrets", "add", "upstream", "--kind", "bearer",
-                              "--host", upstream_.netloc()});
-    ASSERT_EQ(added.status, 0) << added.err;
+    ASSERT_NO_FATAL_FAILURE(startPaired({"serve", "--quiet", "--test-ca", ca}));
+    ASSERT_NO_FATAL_FAILURE(addSecret("upstream", upstream_.netloc()));
   }
 
   // The id of the oldest pending request, once there is one.
@@ -163,11 +151,6 @@ class BrokeredCall : public ::testing::Test {
   }
 
   HTTPSUpstream upstream_;
-  TempDir dir_;
-  std::string home_, phoneHome_;
-  int port_ = 0;
-  std::unique_ptr<ServiceProcess> service_;
-  std::unique_ptr<SocketClient> admin_;
 };
 
 TEST_F(BrokeredCall, AnMCPClientListsSendsWithTheCredentialAndHearsADenial) {

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "harness.h"
+#include "paired_service.h"
 
 namespace tolvanger::testing {
 namespace {
@@ -87,20 +88,9 @@ std::string history(size_t count, uint64_t seed) {
   return out;
 }
 
-class FittedProfiles : public ::testing::Test {
+class FittedProfiles : public PairedServiceTest {
  protected:
-  void SetUp() override {
-    home_ = dir_.file("mac");
-    phoneHome_ = dir_.file("phone");
-    ASSERT_EQ(runService(home_, {"init", "--quiet"}), 0);
-    port_ = useFreePort(home_);
-    service_ = std::make_unique<ServiceProcess>(home_);
-    ASSERT_TRUE(service_->waitForSocket());
-    admin_ = std::make_unique<SocketClient>(service_->socketPath());
-    ASSERT_EQ(admin_->call({{"op", "hello"}, {"role", "admin"}})["ok"], true);
-    const Ran paired = pairPhone(*admin_, phoneHome_, port_);
-    ASSERT_EQ(paired.status, 0) << paired.err;
-  }
+  void SetUp() override { ASSERT_NO_FATAL_FAILURE(startPaired()); }
 
   // Fits a profile on `count` made-up messages; returns the package text.
   std::string fit(size_t count, uint64_t seed) {
@@ -119,12 +109,6 @@ class FittedProfiles : public ::testing::Test {
       packed.pop_back();
     return packed;
   }
-
-  TempDir dir_;
-  std::string home_, phoneHome_;
-  int port_ = 0;
-  std::unique_ptr<ServiceProcess> service_;
-  std::unique_ptr<SocketClient> admin_;
 };
 
 TEST_F(FittedProfiles, PassTheirCheckRows) {

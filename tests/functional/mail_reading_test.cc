@@ -15,6 +15,7 @@
 
 #include "harness.h"
 #include "https_upstream.h"
+#include "paired_service.h"
 #include "tolvanger/kit/bytes.h"
 #include "tolvanger/kit/provider_hosts.h"
 
@@ -43,27 +44,15 @@ std::string rawOf(const std::string& message) {
   return raw;
 }
 
-class MailReading : public ::testing::Test {
+class MailReading : public PairedServiceTest {
  protected:
   void SetUp() override {
-    home_ = dir_.file("mac");
-    phoneHome_ = dir_.file("phone");
-    ASSERT_EQ(runService(home_, {"init", "--quiet"}), 0);
-    port_ = useFreePort(home_);
     const std::string ca = dir_.file("ca.pem");
     upstream_.writeCA(ca);
-    service_ = std::make_unique<ServiceProcess>(
-        home_, std::vector<std::string>{"serve", "--quiet", "--test-ca", ca,
-                                        "--test-connect-to",
-                                        upstream_.connectTo(kGmail)});
-    ASSERT_TRUE(service_->waitForSocket());
-    admin_ = std::make_unique<SocketClient>(service_->socketPath());
-    ASSERT_EQ(admin_->call({{"op", "hello"}, {"role", "admin"}})["ok"], true);
-    const Ran paired = pairPhone(*admin_, phoneHome_, port_);
-    ASSERT_EQ(paired.status, 0) << paired.err;
-    const Ran added = runPhone(phoneHome_, {"secrets", "add", "gmail", "--kind",
-                                            "bearer", "--host", kGmail});
-    ASSERT_EQ(added.status, 0) << added.err;
+    ASSERT_NO_FATAL_FAILURE(
+        startPaired({"serve", "--quiet", "--test-ca", ca, "--test-connect-to",
+                     upstream_.connectTo(kGmail)}));
+    ASSERT_NO_FATAL_FAILURE(addSecret("gmail", kGmail));
     agent_ = std::make_unique<SocketClient>(service_->socketPath());
     agent_->call({{"op", "hello"}, {"client", "claude"}});
   }
@@ -132,11 +121,6 @@ class MailReading : public ::testing::Test {
   }
 
   HTTPSUpstream upstream_{HTTPSUpstream::defaultHandler, {kGmail}};
-  TempDir dir_;
-  std::string home_, phoneHome_;
-  int port_ = 0;
-  std::unique_ptr<ServiceProcess> service_;
-  std::unique_ptr<SocketClient> admin_;
   std::unique_ptr<SocketClient> agent_;
 };
 

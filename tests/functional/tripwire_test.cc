@@ -8,6 +8,7 @@
 #include <string>
 
 #include "harness.h"
+#include "paired_service.h"
 #include "testing/profile_maker.h"
 
 namespace tolvanger::testing {
@@ -33,26 +34,9 @@ json largeProfile(size_t extra) {
   return top;
 }
 
-class TripwireFromOutside : public ::testing::Test {
+class TripwireFromOutside : public PairedServiceTest {
  protected:
-  void SetUp() override {
-    home_ = dir_.file("mac");
-    phoneHome_ = dir_.file("phone");
-    ASSERT_EQ(runService(home_, {"init", "--quiet"}), 0);
-    port_ = useFreePort(home_);
-    service_ = std::make_unique<ServiceProcess>(home_);
-    ASSERT_TRUE(service_->waitForSocket());
-    admin_ = std::make_unique<SocketClient>(service_->socketPath());
-    ASSERT_EQ(admin_->call({{"op", "hello"}, {"role", "admin"}})["ok"], true);
-    const Ran paired = pairPhone(*admin_, phoneHome_, port_);
-    ASSERT_EQ(paired.status, 0) << paired.err;
-  }
-
-  TempDir dir_;
-  std::string home_, phoneHome_;
-  int port_ = 0;
-  std::unique_ptr<ServiceProcess> service_;
-  std::unique_ptr<SocketClient> admin_;
+  void SetUp() override { ASSERT_NO_FATAL_FAILURE(startPaired()); }
 };
 
 TEST_F(TripwireFromOutside, OfferApproveInstallObserveAndNotice) {
