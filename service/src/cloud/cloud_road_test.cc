@@ -50,15 +50,19 @@ class Road : public ::testing::Test {
     return t;
   }
 
-  // A sealed call as the phone leaves it, under its own name or `name`.
+  // A sealed call as the phone leaves it, under its own name or `name`,
+  // asking for the reply under its cloud key or `replyTo`.
   CloudRecord call(const std::string& path,
-                   std::optional<std::string> name = std::nullopt) {
+                   std::optional<std::string> name = std::nullopt,
+                   std::optional<Bytes> replyTo = std::nullopt) {
     const std::string id = Random::hex(16);
-    const json inner = {{"device_id", phone.id},
-                        {"device_secret", phone.secret},
-                        {"method", "GET"},
-                        {"path", path},
-                        {"reply_to", toBase64(phone.cloud.publicKey().raw())}};
+    const json inner = {
+        {"device_id", phone.id},
+        {"device_secret", phone.secret},
+        {"method", "GET"},
+        {"path", path},
+        {"reply_to",
+         toBase64(replyTo.value_or(phone.cloud.publicKey().raw()))}};
     const CloudEnvelope envelope = CloudSeal::seal(
         asBytes(inner.dump()), service->cloudKey().publicKey(), "call", id);
     CloudRecord record(name.value_or("call-" + id), pair, Cloud::Side::kMac,
@@ -112,6 +116,20 @@ TEST_F(Road, ACallIsAnsweredOnceUntilItsReplyIsForgotten) {
   road->drain();
   EXPECT_EQ(count(journal(), " cloud call=GET%20/v1/health"), 2u);
   EXPECT_NE(cloud->record("reply-" + id)->body, reply->body);
+}
+
+// A phone that has made a new cloud key says so in its call: the reply is
+// sealed to it, and so is whatever the computer leaves for the phone later.
+TEST_F(Road, ANewReplyKeyBecomesThePhonesCloudKey) {
+  road->setUp();
+  const auto next = crypto::XWingPrivateKey::generate();
+  const CloudRecord sent =
+      call("/v1/health", std::nullopt, next.publicKey().raw());
+  road->drain();
+  const auto reply = cloud->record("reply-" + sent.name.substr(5));
+  ASSERT_TRUE(reply.has_value());
+  EXPECT_NO_THROW(CloudSeal::open(CloudEnvelope::fromJSON(reply->body), next));
+  EXPECT_EQ(service->device(phone.id)->cloudKey, next.publicKey().raw());
 }
 
 TEST_F(Road, MisnamedForgedAndStrangersCallsGetNoReply) {

@@ -113,6 +113,17 @@ TEST_F(AllowancesTest, TimeAndAGoneProcessEndThemAtTheNextSweep) {
   EXPECT_EQ(allowances.all()[0].requestID, "r3");
 }
 
+// A pid names one process only together with its start time: a later
+// process that reuses the pid is not the one an allowance was made for.
+TEST(AgentProcessTest, ThePidAloneDoesNotNameTheProcess) {
+  const auto me = AgentProcess::of(::getpid());
+  ASSERT_TRUE(me.has_value());
+  EXPECT_TRUE(me->isAlive());
+  AgentProcess later = *me;
+  later.startedAt += 1;
+  EXPECT_FALSE(later.isAlive());
+}
+
 // Opening, drawing, sweeping and ending from many threads at once: every
 // allowance ends exactly once, and the hook may call back in.
 TEST(AllowancesRaceTest, ManyThreadsEndEachAllowanceOnce) {
