@@ -29,6 +29,9 @@ if [ "${1:-}" = --check ]; then
 fi
 LIST=${1:?usage: scripts/mutate.sh [--check] LIST [BUILD_DIR]}
 BUILD=${2:-$ROOT/build}
+# The tests run from inside the build folder, so its path must not be
+# relative to where this was started.
+BUILD=$(cd "$BUILD" && pwd)
 planted=""
 restore() {
   if [ -n "$planted" ]; then git -C "$ROOT" checkout -q -- "$planted"; fi
