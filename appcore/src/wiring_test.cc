@@ -16,46 +16,35 @@ namespace fs = std::filesystem;
 const std::vector<std::string> kArgs = {"mcp", "--client", "codex"};
 const std::string kCli = "/opt/to lv/tolvanger-service";
 
-constexpr const char* kCodexWithEntry =
+// A codex config with an old entry for the service (and its sub-table)
+// between two entries of the person's own.
+const std::string kMine =
     "# my codex config\n"
     "model = \"o3\"\n"
     "\n"
     "[mcp_servers.other]\n"
     "command = \"other\"   # keep this comment\n"
-    "\n"
-    "[mcp_servers.tolvanger]\n"
-    "command = \"/old/tolvanger-service\"\n"
-    "args = [\"mcp\"]\n"
-    "\n"
-    "[mcp_servers.tolvanger.env]\n"
-    "A = \"1\"\n"
-    "\n"
-    "[profiles.fast]\n"
-    "model = \"o4-mini\"\n";
+    "\n";
+const std::string kTheirs = "[profiles.fast]\nmodel = \"o4-mini\"\n";
+const std::string kCodexWithEntry = kMine +
+                                    "[mcp_servers.tolvanger]\n"
+                                    "command = \"/old/tolvanger-service\"\n"
+                                    "args = [\"mcp\"]\n"
+                                    "\n"
+                                    "[mcp_servers.tolvanger.env]\n"
+                                    "A = \"1\"\n"
+                                    "\n" +
+                                    kTheirs;
 
 TEST(EditToml, ReplacesTheEntryAndItsSubTablesKeepingEverythingElse) {
   EXPECT_EQ(Edit::toml(kCodexWithEntry, kCli, kArgs, "tolvanger"),
-            "# my codex config\n"
-            "model = \"o3\"\n"
-            "\n"
-            "[mcp_servers.other]\n"
-            "command = \"other\"   # keep this comment\n"
-            "\n"
-            "[mcp_servers.tolvanger]\n"
-            "command = \"/opt/to lv/tolvanger-service\"\n"
-            "args = [\"mcp\", \"--client\", \"codex\"]\n"
-            "\n"
-            "[profiles.fast]\n"
-            "model = \"o4-mini\"\n");
-  EXPECT_EQ(Edit::tomlWithout(kCodexWithEntry, "tolvanger"),
-            "# my codex config\n"
-            "model = \"o3\"\n"
-            "\n"
-            "[mcp_servers.other]\n"
-            "command = \"other\"   # keep this comment\n"
-            "\n"
-            "[profiles.fast]\n"
-            "model = \"o4-mini\"\n");
+            kMine +
+                "[mcp_servers.tolvanger]\n"
+                "command = \"/opt/to lv/tolvanger-service\"\n"
+                "args = [\"mcp\", \"--client\", \"codex\"]\n"
+                "\n" +
+                kTheirs);
+  EXPECT_EQ(Edit::tomlWithout(kCodexWithEntry, "tolvanger"), kMine + kTheirs);
 }
 
 TEST(EditToml, QuotedHeadersAndArraysOfTables) {

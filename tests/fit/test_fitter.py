@@ -250,18 +250,6 @@ class LimitTest(unittest.TestCase):
         self.assertEqual(fit.self_check(data), 10 + len(fit.PROBES))
         self.assertIn("<oov>", profile["model"]["vocab"])
 
-    def test_twenty_thousand_messages_pack_past_256_kib(self):
-        with tempfile.TemporaryDirectory() as d:
-            history, package = os.path.join(d, "h.jsonl"), os.path.join(d, "p.b64")
-            make_history(history, 20000, 2)
-            done = run(history, "--out", package, "--fitted", FITTED)
-            self.assertEqual(done.returncode, 0, done.stderr)
-            size = os.path.getsize(package)
-            self.assertGreater(size, 262144)
-            self.assertLessEqual(size, fit.LIMIT)
-            self.assertLessEqual(len(gunzip(package)), fit.LIMIT)
-            self.assertEqual(run("--check", package).returncode, 0)
-
 
 class MboxTest(unittest.TestCase):
     def message(self, sender, when, body, **kw):

@@ -11,6 +11,7 @@
 
 #include "harness.h"
 #include "https_upstream.h"
+#include "paired_service.h"
 #include "tolvanger/kit/clock.h"
 #include "tolvanger/phone/oauth_flow.h"
 #include "tolvanger/phone/token_vault.h"
@@ -274,22 +275,16 @@ TEST_F(OAuthAgainstAServer, DeviceGrantEndToEnd) {
 
 // The software phone signs in through the device flow, and the credential
 // it announces is pinned to what the ability names.
-TEST(OAuthSignIn, DeviceSignInReleasesTheTokenOnlyWhereTheAbilityReaches) {
-  TempDir dir;
-  OIDCServer server(dir);
+class OAuthSignInPaired : public PairedServiceTest {};
+
+TEST_F(OAuthSignInPaired,
+       DeviceSignInReleasesTheTokenOnlyWhereTheAbilityReaches) {
+  OIDCServer server(dir_);
   HTTPSUpstream api;
-  const std::string home = dir.file("mac");
-  const std::string phoneHome = dir.file("phone");
-  ASSERT_EQ(runService(home, {"init", "--quiet"}), 0);
-  const int port = useFreePort(home);
-  api.writeCA(dir.file("api-ca.pem"));
-  ServiceProcess service(
-      home, {"serve", "--quiet", "--test-ca", dir.file("api-ca.pem")});
-  ASSERT_TRUE(service.waitForSocket());
-  SocketClient admin(service.socketPath());
-  ASSERT_EQ(admin.call({{"op", "hello"}, {"role", "admin"}})["ok"], true);
-  const Ran paired = pairPhone(admin, phoneHome, port);
-  ASSERT_EQ(paired.status, 0) << paired.err;
+  api.writeCA(dir_.file("api-ca.pem"));
+  ASSERT_NO_FATAL_FAILURE(
+      startPaired({"serve", "--quiet", "--test-ca", dir_.file("api-ca.pem")}));
+  const std::string& phoneHome = phoneHome_;
 
   // The deployment file in its default place, the phone's home; the sign-in
   // is also pointed at it through TOLVANGER_OAUTH_CONFIG.
@@ -330,7 +325,7 @@ TEST(OAuthSignIn, DeviceSignInReleasesTheTokenOnlyWhereTheAbilityReaches) {
   EXPECT_NE(signedIn.out.find("The Mac now knows 1 secret."),
             std::string::npos);
 
-  SocketClient agent(service.socketPath());
+  SocketClient agent(service_->socketPath());
   agent.call({{"op", "hello"}, {"client", "claude"}});
   const auto ask = [&](const std::string& method, const std::string& url) {
     return agent.call(
@@ -388,9 +383,9 @@ TEST(OAuthSignIn, DeviceSignInReleasesTheTokenOnlyWhereTheAbilityReaches) {
   EXPECT_EQ(vault.find("gh")->tokens.accessToken, fresh);
   EXPECT_GT(vault.find("gh")->tokens.expiresAt, SystemClock::seconds());
 
-  ASSERT_EQ(service.stop(), 0);
+  ASSERT_EQ(service_->stop(), 0);
   // Neither token is in any file of either side.
-  for (const std::string& root : {home, phoneHome}) {
+  for (const std::string& root : {home_, phoneHome}) {
     for (const std::string& file : filesBelow(root)) {
       EXPECT_EQ(readFile(file).find(token), std::string::npos) << file;
       EXPECT_EQ(readFile(file).find(fresh), std::string::npos) << file;

@@ -47,10 +47,6 @@ class PhoneRoundTrip : public ::testing::Test {
     const Ran paired = pairPhone(*admin_, phoneHome_, port);
     ASSERT_EQ(paired.status, 0) << paired.err;
   }
-  Ran phone(const std::string& home, std::vector<std::string> args,
-            const std::string& input = "") {
-    return runPhone(home, args, input);
-  }
 
   TempDir dir_;
   std::string home_, phoneHome_;
@@ -72,15 +68,15 @@ TEST_F(PhoneRoundTrip, AgentRaisesThePhoneApprovesAndDeniesOverTheSealedRoad) {
   ASSERT_EQ(opened["ok"], true) << opened;
   const std::string id = opened["request_id"];
 
-  const Ran pending = phone(phoneHome_, {"pending"});
+  const Ran pending = runPhone(phoneHome_, {"pending"});
   ASSERT_EQ(pending.status, 0) << pending.err;
   EXPECT_NE(pending.out.find(id), std::string::npos) << pending.out;
-  const Ran shown = phone(phoneHome_, {"show", id});
+  const Ran shown = runPhone(phoneHome_, {"show", id});
   ASSERT_EQ(shown.status, 0) << shown.err;
   EXPECT_NE(shown.out.find("deploy.prod"), std::string::npos) << shown.out;
   EXPECT_NE(shown.out.find("ship it"), std::string::npos) << shown.out;
 
-  const Ran approved = phone(phoneHome_, {"approve", id}, "approve\n");
+  const Ran approved = runPhone(phoneHome_, {"approve", id}, "approve\n");
   ASSERT_EQ(approved.status, 0) << approved.err;
   EXPECT_EQ(agent.call({{"op", "poll"}, {"id", id}, {"wait", 5}})["state"],
             "approved");
@@ -92,7 +88,7 @@ TEST_F(PhoneRoundTrip, AgentRaisesThePhoneApprovesAndDeniesOverTheSealedRoad) {
   EXPECT_EQ(agent.call({{"op", "subscribe"}})["subscribed"], true);
   const std::string second = agent.call(
       {{"op", "request"}, {"operation", "deploy.prod"}})["request_id"];
-  const Ran denied = phone(phoneHome_, {"deny", second});
+  const Ran denied = runPhone(phoneHome_, {"deny", second});
   ASSERT_EQ(denied.status, 0) << denied.err;
   const auto event = agent.readLine();
   ASSERT_TRUE(event.has_value());
@@ -197,13 +193,13 @@ TEST_F(PhoneRoundTrip, ARewrittenPayloadIsRefusedAndNothingIsSigned) {
   const std::string id = agent.call(
       {{"op", "request"}, {"operation", "deploy.prod"}})["request_id"];
 
-  const Ran shown = phone(phoneHome_, {"--clear", "show", id});
+  const Ran shown = runPhone(phoneHome_, {"--clear", "show", id});
   EXPECT_NE(shown.status, 0);
   EXPECT_NE(shown.err.find("digest is not the one these bytes hash to"),
             std::string::npos)
       << shown.err;
   const Ran approved =
-      phone(phoneHome_, {"--clear", "approve", id}, "approve\n");
+      runPhone(phoneHome_, {"--clear", "approve", id}, "approve\n");
   EXPECT_NE(approved.status, 0);
   EXPECT_GE(proxy.tampered(), 2);
   EXPECT_EQ(agent.call({{"op", "poll"}, {"id", id}})["state"], "pending");

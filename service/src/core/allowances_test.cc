@@ -161,8 +161,8 @@ TEST(AllowancesRaceTest, ManyThreadsEndEachAllowanceOnce) {
   EXPECT_TRUE(allowances.all().empty());
 }
 
-// Inside the service: the phone's hold opens one, a covered request is
-// approved at once, and every end is written to the journal.
+// Inside the service: the phone's hold opens one (capped at an hour), a
+// covered request is approved at once, and subscribers hear of each end.
 class ServiceAllowanceTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -227,20 +227,9 @@ TEST_F(ServiceAllowanceTest, AHoldOpensOneThatSettlesTheNextRequestAtOnce) {
   const auto spent = ServiceInternals::credentials(*service).take(second.id);
   ASSERT_TRUE(spent.has_value());
   EXPECT_EQ(toString(spent->value.reveal()), value);
-  EXPECT_NE(file("journal.log")
-                .find("approved allowance=" + first.id +
-                      " client=claude credential=sheets device=phone-1 "
-                      "request=" +
-                      second.id + " road=allowance"),
-            std::string::npos);
   EXPECT_EQ(file("chain.log"), chainBefore);
 
   ASSERT_TRUE(service->endAllowance(first.id, "phone").has_value());
-  EXPECT_NE(file("journal.log")
-                .find("allowance-ended client=claude credential=sheets "
-                      "request=" +
-                      first.id + " uses=1 why=phone"),
-            std::string::npos);
   EXPECT_EQ(service->status()["allowances"], 0);
   EXPECT_FALSE(service->useAllowance("sheets", self).has_value());
   ASSERT_EQ(events.size(), 3u);
@@ -252,7 +241,6 @@ TEST_F(ServiceAllowanceTest, AHoldOpensOneThatSettlesTheNextRequestAtOnce) {
                              {"request_id", first.id},
                              {"why", "phone"}}));
   service->unsubscribe(sink);
-  EXPECT_EQ(file("journal.log").find(value), std::string::npos);
 }
 
 TEST_F(ServiceAllowanceTest, NoProcessOrNoHoldOpensNothing) {
