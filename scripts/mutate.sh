@@ -102,3 +102,6 @@ while IFS= read -r line <&3; do
   fi
   restore
 done 3<"$LIST"
+
+# Leave the build as the sources are, not holding the last fault.
+$check || cmake --build "$BUILD" >/dev/null 2>&1
